@@ -1,0 +1,19 @@
+# Flags every target of ours shares. Results must be bit-exact with the scalar
+# formulas, so no contraction into FMA except in kernels that ask for it.
+add_library(qvd_options INTERFACE)
+target_compile_options(qvd_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wcast-align
+  -ffp-contract=off
+  # Report assertion paths relative to the source tree.
+  "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=")
+if(QVD_ASSERTS)
+  target_compile_definitions(qvd_options INTERFACE QVD_ASSERTS_ENABLED=1)
+endif()
+
+# qvd_simd_object(NAME FLAGS... SOURCES...): one translation unit per
+# instruction set, each with its own target flags.
+function(qvd_simd_sources target flags)
+  set_source_files_properties(${ARGN} TARGET_DIRECTORY ${target}
+    PROPERTIES COMPILE_OPTIONS "${flags}")
+  target_sources(${target} PRIVATE ${ARGN})
+endfunction()
