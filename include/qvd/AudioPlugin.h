@@ -33,7 +33,7 @@ public:
     // Returns false, leaving the plugin unprepared, for a rate below 1 Hz or not
     // finite, a block size outside 1 .. kMaxBlockSize, a refused channel format,
     // or an allocation failure.
-    virtual bool prepare(float sampleRate, std::int32_t maxBlockSize, const PrepareConfig* config) = 0;
+    virtual bool prepare(float sampleRate, std::int32_t maxBlockSize, const qvd::PrepareConfig* config) = 0;
 
     // [audio-thread] Processes `frames` frames: inputs[i] for every active input
     // channel, outputs[i] for every active output channel. In place when the same

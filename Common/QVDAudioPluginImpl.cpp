@@ -1,0 +1,536 @@
+#include "QVDAudioPluginImpl.h"
+
+#include <QWidget>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include <System/twa_assert.h>
+
+#include "QVDDenormalGuard.h"
+#include "QVDPluginInterfaceImpl.h"
+#include "SmoothingCoefficient.h"
+
+namespace {
+std::atomic<std::uint64_t> g_nextInstanceId{1};
+
+// Before the first block any sequence value counts as new.
+constexpr std::int64_t kNoSequence = std::numeric_limits<std::int64_t>::min();
+} // namespace
+
+QVDAudioPluginImpl::QVDAudioPluginImpl(const QVDPluginDescriptor* descriptor, void* hostContext,
+                                       qvd::HostServices* services,
+                                       const std::vector<QVDParameterDefinition>& parameterTable)
+    : m_parameters(qvdMakeParameterEntries(parameterTable)),
+      m_descriptor(descriptor),
+      m_hostContext(hostContext),
+      m_hostServices(services),
+      m_instanceId(g_nextInstanceId.fetch_add(1, std::memory_order_relaxed)),
+      m_lastSequence(kNoSequence)
+{
+    if (m_descriptor)
+        m_key = qvdPluginKey(m_descriptor->name, m_descriptor->fourcc).toUtf8();
+    if (m_hostServices) {
+        const double scale = m_hostServices->editorScale();
+        m_editorScale = scale > 0.0 && std::isfinite(scale) ? scale : 1.0;
+        m_debugLogLevel = m_hostServices->debugLogLevel();
+    }
+    m_inputCount = std::min(2, maxInputs());
+    m_outputCount = std::min(2, maxOutputs());
+    const std::size_t maxChannels = static_cast<std::size_t>(std::max(maxInputs(), maxOutputs()));
+    m_preRollInputs.assign(static_cast<std::size_t>(maxInputs()), nullptr);
+    m_preRollOutputs.assign(static_cast<std::size_t>(maxOutputs()), nullptr);
+    m_chunkInputs.assign(static_cast<std::size_t>(maxInputs()), nullptr);
+    m_chunkOutputs.assign(static_cast<std::size_t>(maxOutputs()), nullptr);
+    (void)maxChannels;
+}
+
+QVDAudioPluginImpl::~QVDAudioPluginImpl() = default;
+
+// ---- qvd::PluginInstance ----
+
+AudioPlugin* QVDAudioPluginImpl::getAudioInterface()
+{
+    return static_cast<AudioPlugin*>(this);
+}
+
+qvd::ControlPlugin* QVDAudioPluginImpl::getControlInterface()
+{
+    return nullptr;
+}
+
+void QVDAudioPluginImpl::destroy()
+{
+    delete this;
+}
+
+bool QVDAudioPluginImpl::hasEditor() const
+{
+    return false;
+}
+
+bool QVDAudioPluginImpl::isGenerator() const
+{
+    return maxInputs() == 0;
+}
+
+std::uint64_t QVDAudioPluginImpl::instanceId() const
+{
+    return m_instanceId;
+}
+
+bool QVDAudioPluginImpl::setParameter(std::int32_t index, float value)
+{
+    if (index < 0 || index >= parameterCount())
+        return false;
+    return applyParameter(static_cast<std::uint32_t>(index), value);
+}
+
+float QVDAudioPluginImpl::getParameter(std::int32_t index) const
+{
+    if (index < 0 || index >= parameterCount())
+        return 0.0f;
+    return m_parameters[static_cast<std::size_t>(index)].value();
+}
+
+std::uint64_t QVDAudioPluginImpl::getLatency() const
+{
+    return latency();
+}
+
+std::int32_t QVDAudioPluginImpl::getMeterValues(std::int32_t group, double* values, std::int32_t capacity) const
+{
+    if (group < 0 || group >= meterGroupCount())
+        return 0;
+    const MeterGroup& g = *m_meters[static_cast<std::size_t>(group)];
+    const std::int32_t size = g.size.load(std::memory_order_relaxed);
+    if (!values)
+        return size;
+    const std::int32_t n = std::min(size, capacity);
+    for (std::int32_t i = 0; i < n; ++i) {
+        const float level = g.levels[static_cast<std::size_t>(i)].load(std::memory_order_relaxed);
+        double db = -100.0;
+        // NaN and negative levels read as silence rather than as a number.
+        if (level > 0.0f) {
+            db = 20.0 * std::log10(std::min(static_cast<double>(level), 1.0));
+            if (db < -100.0)
+                db = -100.0;
+        }
+        values[i] = db;
+    }
+    return size;
+}
+
+bool QVDAudioPluginImpl::setParameterValue(std::int32_t index, double value)
+{
+    return setParameter(index, static_cast<float>(value));
+}
+
+std::int32_t QVDAudioPluginImpl::parameterCount() const
+{
+    return static_cast<std::int32_t>(m_parameters.size());
+}
+
+bool QVDAudioPluginImpl::parameterInfo(std::int32_t index, qvd::ParameterInfo* info) const
+{
+    if (!info || index < 0 || index >= parameterCount())
+        return false;
+    *info = m_parameters[static_cast<std::size_t>(index)].definition().toInfo();
+    info->step = m_parameters[static_cast<std::size_t>(index)].definition().step;
+    return true;
+}
+
+std::int32_t QVDAudioPluginImpl::meterGroupCount() const
+{
+    return static_cast<std::int32_t>(m_meters.size());
+}
+
+const char* QVDAudioPluginImpl::meterGroupName(std::int32_t group) const
+{
+    if (group < 0 || group >= meterGroupCount())
+        return nullptr;
+    return m_meters[static_cast<std::size_t>(group)]->name.constData();
+}
+
+const char* QVDAudioPluginImpl::pluginKey() const
+{
+    return m_key.constData();
+}
+
+void* QVDAudioPluginImpl::createEditor(void* parentWidget)
+{
+    return buildEditor(static_cast<QWidget*>(parentWidget));
+}
+
+// ---- MacroFXPlugin ----
+
+std::int32_t QVDAudioPluginImpl::parameterIndex(const char* identifier) const
+{
+    if (!identifier)
+        return -1;
+    const QString id = QString::fromUtf8(identifier);
+    for (std::size_t i = 0; i < m_parameters.size(); ++i) {
+        if (m_parameters[i].definition().identifier == id)
+            return static_cast<std::int32_t>(i);
+    }
+    return -1;
+}
+
+bool QVDAudioPluginImpl::setParameterByIdentifier(const char* identifier, float value)
+{
+    const std::int32_t index = parameterIndex(identifier);
+    return index >= 0 && setParameter(index, value);
+}
+
+// ---- AudioPlugin ----
+
+bool QVDAudioPluginImpl::prepare(float sampleRate, std::int32_t maxBlockSize, const qvd::PrepareConfig* config)
+{
+    m_prepared = false;
+    if (!std::isfinite(sampleRate) || sampleRate < 1.0f || sampleRate > 16.0e6f)
+        return false;
+    if (maxBlockSize < 1 || maxBlockSize > kMaxBlockSize)
+        return false;
+    if (config) {
+        const std::int32_t in = config->inputFormat == qvd::kFormatKeep ? qvd::formatForChannels(m_inputCount)
+                                                                        : config->inputFormat;
+        const std::int32_t out = config->outputFormat == qvd::kFormatKeep ? qvd::formatForChannels(m_outputCount)
+                                                                          : config->outputFormat;
+        if (!setChannelFormats(in, out))
+            return false;
+        if (config->smoothing >= 0)
+            SmoothingCoefficient::enableAll(config->smoothing != 0);
+    }
+
+    m_sampleRate.store(static_cast<std::int32_t>(sampleRate), std::memory_order_relaxed);
+    m_blockSize.store(maxBlockSize, std::memory_order_relaxed);
+    SmoothingCoefficient::recomputeAll(static_cast<double>(sampleRate));
+
+    const std::size_t bytes = static_cast<std::size_t>(maxBlockSize) * sizeof(float);
+    if (!m_silentInput.reserve(bytes) || !m_discardOutput.reserve(bytes))
+        return false;
+    m_silentInput.clear();
+    std::fill(m_preRollInputs.begin(), m_preRollInputs.end(), m_silentInput.floats());
+    std::fill(m_preRollOutputs.begin(), m_preRollOutputs.end(), m_discardOutput.floats());
+
+    if (!prepareProcessing())
+        return false;
+    if (!setLatency(latency()))
+        return false;
+    resetAll();
+    m_lastSequence = kNoSequence;
+    m_resetPending.store(true, std::memory_order_relaxed);
+    m_prepared = true;
+    return true;
+}
+
+bool QVDAudioPluginImpl::process(const qvd::BlockRecord* block, const float* const* inputs, float* const* outputs,
+                                 std::int32_t frames)
+{
+    const std::int32_t ins = m_inputCount;
+    const std::int32_t outs = m_outputCount;
+    bool valid = m_prepared && frames >= 0;
+    if (valid && ins > 0) {
+        valid = inputs != nullptr;
+        for (std::int32_t c = 0; valid && c < ins; ++c)
+            valid = inputs[c] != nullptr;
+    }
+    if (valid && outs > 0) {
+        valid = outputs != nullptr;
+        for (std::int32_t c = 0; valid && c < outs; ++c)
+            valid = outputs[c] != nullptr;
+    }
+    if (!valid) {
+        if (frames > 0 && outputs)
+            silenceOutputs(outputs, frames);
+        return false;
+    }
+
+    QVDDenormalGuard denormals;
+    const std::int32_t blockSize = m_blockSize.load(std::memory_order_relaxed);
+    if (frames <= blockSize) {
+        processBlock(block, inputs, outputs, frames);
+        return true;
+    }
+    // Longer than prepared: run in chunks of the block size.
+    for (std::int32_t done = 0; done < frames; done += blockSize) {
+        const std::int32_t n = std::min(blockSize, frames - done);
+        for (std::int32_t c = 0; c < ins; ++c)
+            m_chunkInputs[static_cast<std::size_t>(c)] = inputs[c] + done;
+        for (std::int32_t c = 0; c < outs; ++c)
+            m_chunkOutputs[static_cast<std::size_t>(c)] = outputs[c] + done;
+        processBlock(block, m_chunkInputs.data(), m_chunkOutputs.data(), n);
+    }
+    return true;
+}
+
+bool QVDAudioPluginImpl::setChannelFormats(std::int32_t inputFormat, std::int32_t outputFormat)
+{
+    const std::int32_t in = qvd::channelCountOf(inputFormat);
+    const std::int32_t out = qvd::channelCountOf(outputFormat);
+    if (in < 0 || out < 0 || in > maxInputs() || out > maxOutputs())
+        return false;
+    const bool changed = in != m_inputCount || out != m_outputCount;
+    m_inputCount = in;
+    m_outputCount = out;
+    if (changed) {
+        channelCountsChanged();
+        m_resetPending.store(true, std::memory_order_relaxed);
+    }
+    return true;
+}
+
+bool QVDAudioPluginImpl::needsReset(std::int64_t sequence)
+{
+    if (sequence == m_lastSequence)
+        return false;
+    return m_resetPending.load(std::memory_order_relaxed);
+}
+
+void QVDAudioPluginImpl::requestReset()
+{
+    m_resetPending.store(true, std::memory_order_relaxed);
+}
+
+void QVDAudioPluginImpl::setBypass(bool bypass)
+{
+    m_bypass.store(bypass, std::memory_order_relaxed);
+}
+
+bool QVDAudioPluginImpl::isBypassed() const
+{
+    return bypassed();
+}
+
+std::uint64_t QVDAudioPluginImpl::latency() const
+{
+    return m_latency.load(std::memory_order_relaxed);
+}
+
+std::int32_t QVDAudioPluginImpl::inputChannelCount() const
+{
+    return m_inputCount;
+}
+
+std::int32_t QVDAudioPluginImpl::outputChannelCount() const
+{
+    return m_outputCount;
+}
+
+std::int32_t QVDAudioPluginImpl::sampleRate() const
+{
+    return m_sampleRate.load(std::memory_order_relaxed);
+}
+
+std::int32_t QVDAudioPluginImpl::blockSize() const
+{
+    return m_blockSize.load(std::memory_order_relaxed);
+}
+
+// ---- editor controls ----
+
+void QVDAudioPluginImpl::controlValueChanged(const QString& identifier, float value)
+{
+    const QByteArray id = identifier.toUtf8();
+    setParameterByIdentifier(id.constData(), value);
+}
+
+float QVDAudioPluginImpl::controlValue(const QString& identifier) const
+{
+    const QByteArray id = identifier.toUtf8();
+    return getParameter(parameterIndex(id.constData()));
+}
+
+// ---- the plugin's own operations ----
+
+bool QVDAudioPluginImpl::applyParameter(std::uint32_t index, float value)
+{
+    if (index >= m_parameters.size())
+        return false;
+    m_parameters[index].exchange(value);
+    return true;
+}
+
+QWidget* QVDAudioPluginImpl::buildEditor(QWidget*)
+{
+    return nullptr;
+}
+
+QString QVDAudioPluginImpl::channelName(bool input, int index)
+{
+    return (input ? QStringLiteral("In %1") : QStringLiteral("Out %1")).arg(index + 1);
+}
+
+float QVDAudioPluginImpl::meterLevel(std::int32_t group, std::int32_t index) const
+{
+    if (group < 0 || group >= meterGroupCount())
+        return 0.0f;
+    const MeterGroup& g = *m_meters[static_cast<std::size_t>(group)];
+    if (index < 0 || index >= g.capacity)
+        return 0.0f;
+    return g.levels[static_cast<std::size_t>(index)].load(std::memory_order_relaxed);
+}
+
+std::int32_t QVDAudioPluginImpl::prepareBlock(const float* const*, std::int64_t sequence,
+                                              std::int32_t frames) noexcept
+{
+    if (frames == 0)
+        frames = m_blockSize.load(std::memory_order_relaxed);
+    if (m_inPreRoll)
+        return frames;
+
+    const bool reset = needsReset(sequence);
+    m_resetPending.store(reset, std::memory_order_relaxed);
+    m_lastSequence = sequence;
+    if (reset) {
+        resetAll();
+        m_resetPending.store(false, std::memory_order_relaxed);
+        if (latency() > 0)
+            preRoll();
+    }
+    return frames;
+}
+
+void QVDAudioPluginImpl::completeBlock(const float* const* inputs, float* const* outputs, std::int32_t frames,
+                                       std::int32_t) noexcept
+{
+    if (!bypassed() || m_outputCount == 0)
+        return;
+    const std::int32_t channels = std::min(m_inputCount, m_outputCount);
+    const std::size_t lat = static_cast<std::size_t>(latency());
+    const std::size_t n = static_cast<std::size_t>(frames);
+    if (lat == 0) {
+        for (std::int32_t c = 0; c < channels; ++c) {
+            if (outputs[c] != inputs[c])
+                std::memmove(outputs[c], inputs[c], n * sizeof(float));
+        }
+        return;
+    }
+    // Every channel's ring advances by the same amount, so one position serves all.
+    std::size_t pos = m_bypassPos;
+    for (std::int32_t c = 0; c < channels; ++c) {
+        float* ring = m_bypassLines.data() + static_cast<std::size_t>(c) * lat;
+        const float* in = inputs[c];
+        float* out = outputs[c];
+        pos = m_bypassPos;
+        for (std::size_t i = 0; i < n; ++i) {
+            const float x = in[i];
+            out[i] = ring[pos];
+            ring[pos] = x;
+            if (++pos == lat)
+                pos = 0;
+        }
+    }
+    if (channels > 0)
+        m_bypassPos = pos;
+}
+
+bool QVDAudioPluginImpl::setLatency(std::uint64_t frames)
+{
+    const std::size_t channels = static_cast<std::size_t>(std::max(maxInputs(), maxOutputs()));
+    // Bypass lines of more than ten seconds at 384 kHz point at a broken plugin.
+    if (frames > 3840000u)
+        return false;
+    try {
+        m_bypassLines.assign(channels * static_cast<std::size_t>(frames), 0.0f);
+    } catch (const std::bad_alloc&) {
+        twa::debug::report("Error - new failed\n");
+        return false;
+    }
+    m_bypassPos = 0;
+    m_latency.store(frames, std::memory_order_relaxed);
+    return true;
+}
+
+QVDAudioAlgorithm* QVDAudioPluginImpl::addAlgorithm(std::unique_ptr<QVDAudioAlgorithm> block)
+{
+    m_algorithms.push_back(std::move(block));
+    return m_algorithms.back().get();
+}
+
+void QVDAudioPluginImpl::addAlgorithmRef(QVDAudioAlgorithm* block)
+{
+    m_algorithmRefs.push_back(block);
+}
+
+QVDResettable* QVDAudioPluginImpl::addAuxiliary(std::unique_ptr<QVDResettable> object)
+{
+    m_auxiliary.push_back(std::move(object));
+    return m_auxiliary.back().get();
+}
+
+void QVDAudioPluginImpl::addResettableRef(QVDResettable* object)
+{
+    m_resettableRefs.push_back(object);
+}
+
+std::int32_t QVDAudioPluginImpl::addMeterGroup(const QString& name, std::int32_t capacity)
+{
+    auto group = std::make_unique<MeterGroup>();
+    group->name = name.toUtf8();
+    group->capacity = std::max(0, capacity);
+    group->levels = std::make_unique<std::atomic<float>[]>(static_cast<std::size_t>(group->capacity));
+    for (std::int32_t i = 0; i < group->capacity; ++i)
+        group->levels[static_cast<std::size_t>(i)].store(0.0f, std::memory_order_relaxed);
+    m_meters.push_back(std::move(group));
+    return static_cast<std::int32_t>(m_meters.size()) - 1;
+}
+
+void QVDAudioPluginImpl::setMeterGroupSize(std::int32_t group, std::int32_t size)
+{
+    if (group < 0 || group >= meterGroupCount())
+        return;
+    MeterGroup& g = *m_meters[static_cast<std::size_t>(group)];
+    g.size.store(std::clamp(size, 0, g.capacity), std::memory_order_relaxed);
+}
+
+void QVDAudioPluginImpl::debugLog(std::int32_t level, const QString& line) const
+{
+    if (!m_hostServices || level > m_debugLogLevel)
+        return;
+    const QByteArray text = line.toUtf8();
+    m_hostServices->debugLog(level, text.constData());
+}
+
+void QVDAudioPluginImpl::resetAll() noexcept
+{
+    for (auto& block : m_algorithms)
+        block->reset();
+    for (QVDAudioAlgorithm* block : m_algorithmRefs)
+        block->reset();
+    for (auto& object : m_auxiliary)
+        object->clear();
+    for (QVDResettable* object : m_resettableRefs)
+        object->clear();
+    std::fill(m_bypassLines.begin(), m_bypassLines.end(), 0.0f);
+    m_bypassPos = 0;
+    resetState();
+}
+
+void QVDAudioPluginImpl::preRoll() noexcept
+{
+    qvd::BlockRecord record{};
+    record.count = 1;
+    record.sequence = 0;
+    record.mode = qvd::kModePreRoll;
+    record.position = -1;
+    record.sourcePosition = -1;
+    const std::uint64_t total = latency();
+    const std::uint64_t blockSize = static_cast<std::uint64_t>(m_blockSize.load(std::memory_order_relaxed));
+    m_inPreRoll = true;
+    for (std::uint64_t done = 0; done < total; done += blockSize) {
+        const auto n = static_cast<std::int32_t>(std::min(blockSize, total - done));
+        processBlock(&record, m_preRollInputs.data(), m_preRollOutputs.data(), n);
+    }
+    m_inPreRoll = false;
+}
+
+void QVDAudioPluginImpl::silenceOutputs(float* const* outputs, std::int32_t frames) const noexcept
+{
+    for (std::int32_t c = 0; c < m_outputCount; ++c) {
+        if (outputs[c])
+            std::memset(outputs[c], 0, static_cast<std::size_t>(frames) * sizeof(float));
+    }
+}

@@ -1,0 +1,216 @@
+#pragma once
+// Common base of every audio plugin: the host-facing instance and audio
+// interfaces, channel configuration, parameter entries, latency-compensated
+// bypass, reset after a discontinuity with silent pre-roll, and meters.
+//
+// A plugin derives from QVDAudioPlugin<Self> and supplies its parameter table,
+// its algorithm objects, processBlock() and, optionally, buildEditor().
+// processBlock() starts with prepareBlock() and ends with completeBlock().
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include <qvd/AudioPlugin.h>
+#include <qvd/HostServices.h>
+#include <qvd/PluginInstance.h>
+
+#include "QVDAudioAlgorithm.h"
+#include "QVDControlValueHost.h"
+#include "QVDParameter.h"
+#include "QVDPluginDescriptor.h"
+#include "QVDPluginDragDropHandler.h"
+#include "QVDPluginPixmapHandler.h"
+#include "TDynamicBuffer.h"
+
+class QWidget;
+
+// Running state a plugin owns outside its algorithm blocks; cleared on reset.
+class QVDResettable {
+public:
+    virtual ~QVDResettable() = default;
+    virtual void clear() noexcept = 0;
+};
+
+class QVDAudioPluginImpl : public QObject,
+                           public qvd::PluginInstance,
+                           public AudioPlugin,
+                           public QVDControlValueHost,
+                           public QVDPluginPixmapHandler,
+                           public QVDPluginDragDropHandler {
+    Q_OBJECT
+public:
+    QVDAudioPluginImpl(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services,
+                       const std::vector<QVDParameterDefinition>& parameterTable);
+    ~QVDAudioPluginImpl() override;
+
+    // qvd::PluginInstance
+    AudioPlugin* getAudioInterface() override;
+    qvd::ControlPlugin* getControlInterface() override;
+    void destroy() override;
+    bool hasEditor() const override;
+    bool isGenerator() const override;
+    std::uint64_t instanceId() const override;
+    bool setParameter(std::int32_t index, float value) final;
+    float getParameter(std::int32_t index) const final;
+    std::uint64_t getLatency() const final;
+    std::int32_t getMeterValues(std::int32_t group, double* values, std::int32_t capacity) const final;
+    bool setParameterValue(std::int32_t index, double value) final;
+    std::int32_t parameterCount() const final;
+    bool parameterInfo(std::int32_t index, qvd::ParameterInfo* info) const final;
+    std::int32_t meterGroupCount() const final;
+    const char* meterGroupName(std::int32_t group) const final;
+    const char* pluginKey() const final;
+    void* createEditor(void* parentWidget) final;
+
+    // MacroFXPlugin
+    std::int32_t parameterIndex(const char* identifier) const final;
+    bool setParameterByIdentifier(const char* identifier, float value) final;
+
+    // AudioPlugin
+    bool prepare(float sampleRate, std::int32_t maxBlockSize, const qvd::PrepareConfig* config) final;
+    bool process(const qvd::BlockRecord* block, const float* const* inputs, float* const* outputs,
+                 std::int32_t frames) final;
+    bool setChannelFormats(std::int32_t inputFormat, std::int32_t outputFormat) final;
+    bool needsReset(std::int64_t sequence) final;
+    void requestReset() final;
+    void setBypass(bool bypass) final;
+    bool isBypassed() const final;
+    std::uint64_t latency() const final;
+    std::int32_t inputChannelCount() const final;
+    std::int32_t outputChannelCount() const final;
+    std::int32_t sampleRate() const final;
+    std::int32_t blockSize() const final;
+
+    // QVDControlValueHost
+    void controlValueChanged(const QString& identifier, float value) override;
+    float controlValue(const QString& identifier) const override;
+
+    // The plugin's own operations.
+    // [control-thread] Index already checked by the caller: exchange the value
+    // and recompute derived values. The base only exchanges.
+    virtual bool applyParameter(std::uint32_t index, float value);
+    // [control-thread] Builds the editor panel; null when the plugin has none.
+    virtual QWidget* buildEditor(QWidget* parent);
+
+    const QVDPluginDescriptor* descriptor() const { return m_descriptor; }
+    void* hostContext() const { return m_hostContext; }
+    qvd::HostServices* hostServices() const { return m_hostServices; }
+    // Values asked of the host services at creation (1.0 and 0 without a host).
+    double editorScale() const { return m_editorScale; }
+    std::int32_t debugLogLevel() const { return m_debugLogLevel; }
+    const QVDParameterList& parameters() const { return m_parameters; }
+    // Display name of a channel: "In 1", "Out 2".
+    static QString channelName(bool input, int index);
+    int maxInputs() const { return m_descriptor ? m_descriptor->maxInputs : 0; }
+    int maxOutputs() const { return m_descriptor ? m_descriptor->maxOutputs : 0; }
+
+    // [audio-thread] Current level of a meter, linear; 0 when out of range.
+    float meterLevel(std::int32_t group, std::int32_t index) const;
+
+protected:
+    // [audio-thread] The plugin's process body.
+    virtual void processBlock(const qvd::BlockRecord* block, const float* const* inputs, float* const* outputs,
+                              std::int32_t frames) noexcept = 0;
+    // [not while processing] Sizes the plugin's state for the rate and block
+    // size (already stored) and initialises its algorithm blocks. False refuses.
+    virtual bool prepareProcessing() { return true; }
+    // [not while processing] The active channel counts changed.
+    virtual void channelCountsChanged() {}
+    // [audio-thread] Extra running state to clear on reset, beyond the lists.
+    virtual void resetState() noexcept {}
+
+    // [audio-thread] Block preparation: resolves a frame count of 0, runs the
+    // reset when one is due and pre-rolls the latency in silence. Returns the
+    // frame count to use.
+    std::int32_t prepareBlock(const float* const* inputs, std::int64_t sequence, std::int32_t frames) noexcept;
+    // Block-sequence value of a host record; a null record counts as 0.
+    static std::int64_t sequenceOf(const qvd::BlockRecord* block) { return block ? block->sequence : 0; }
+    // [audio-thread] Block completion: when bypassed, output = input delayed by the latency.
+    void completeBlock(const float* const* inputs, float* const* outputs, std::int32_t frames,
+                       std::int32_t flag) noexcept;
+
+    // [not while processing] Latency in frames; resizes the bypass delay lines.
+    bool setLatency(std::uint64_t frames);
+
+    // Reset lists, filled at construction.
+    QVDAudioAlgorithm* addAlgorithm(std::unique_ptr<QVDAudioAlgorithm> block);
+    void addAlgorithmRef(QVDAudioAlgorithm* block); // owned elsewhere (a member)
+    QVDResettable* addAuxiliary(std::unique_ptr<QVDResettable> object);
+    void addResettableRef(QVDResettable* object);
+
+    // Meters: add groups at construction; publish on the audio thread.
+    std::int32_t addMeterGroup(const QString& name, std::int32_t capacity);
+    void setMeterGroupSize(std::int32_t group, std::int32_t size);
+    void setMeterLevel(std::int32_t group, std::int32_t index, float level) noexcept
+    {
+        m_meters[static_cast<std::size_t>(group)]->levels[static_cast<std::size_t>(index)].store(
+            level, std::memory_order_relaxed);
+    }
+
+    // [control-thread] Writes a line to the host's debug log when its level allows.
+    void debugLog(std::int32_t level, const QString& line) const;
+
+    // Active channel counts as the audio thread reads them.
+    std::int32_t activeInputs() const { return m_inputCount; }
+    std::int32_t activeOutputs() const { return m_outputCount; }
+    bool bypassed() const { return m_bypass.load(std::memory_order_relaxed); }
+
+    QVDParameterList m_parameters;
+
+private:
+    friend struct QVDAudioPluginTestAccess;
+
+    struct MeterGroup {
+        QByteArray name;
+        std::int32_t capacity = 0;
+        std::atomic<std::int32_t> size{0};
+        std::unique_ptr<std::atomic<float>[]> levels;
+    };
+
+    void resetAll() noexcept;
+    void preRoll() noexcept;
+    void silenceOutputs(float* const* outputs, std::int32_t frames) const noexcept;
+
+    const QVDPluginDescriptor* m_descriptor;
+    void* m_hostContext;
+    qvd::HostServices* m_hostServices;
+    double m_editorScale = 1.0;
+    std::int32_t m_debugLogLevel = 0;
+    std::uint64_t m_instanceId;
+    QByteArray m_key;
+
+    std::atomic<std::int32_t> m_sampleRate{0};
+    std::atomic<std::int32_t> m_blockSize{0};
+    std::int32_t m_inputCount = 0;
+    std::int32_t m_outputCount = 0;
+    std::atomic<std::uint64_t> m_latency{0};
+    std::atomic<bool> m_bypass{false};
+    std::atomic<bool> m_resetPending{true};
+    std::int64_t m_lastSequence;
+    bool m_prepared = false;
+    bool m_inPreRoll = false;
+
+    std::vector<std::unique_ptr<QVDAudioAlgorithm>> m_algorithms;
+    std::vector<QVDAudioAlgorithm*> m_algorithmRefs;
+    std::vector<std::unique_ptr<QVDResettable>> m_auxiliary;
+    std::vector<QVDResettable*> m_resettableRefs;
+
+    // One ring of `latency` frames per channel, for bypass.
+    std::vector<float> m_bypassLines;
+    std::size_t m_bypassPos = 0;
+
+    std::vector<std::unique_ptr<MeterGroup>> m_meters;
+
+    TDynamicBuffer m_silentInput;
+    TDynamicBuffer m_discardOutput;
+    std::vector<const float*> m_preRollInputs;
+    std::vector<float*> m_preRollOutputs;
+    std::vector<const float*> m_chunkInputs;
+    std::vector<float*> m_chunkOutputs;
+};

@@ -1,0 +1,45 @@
+#pragma once
+// The gain stage of QVDGain for all channels of one block:
+//   peak = max(peak, |x|); state = a * state + bt; y = float(double(x) * state)
+// with bt = b * target precomputed per channel. The variants run channels side
+// by side in vector lanes; each channel's arithmetic is the same in all of
+// them, so every variant is bit-exact with the reference.
+
+#include <cstdint>
+
+namespace qvd::gain {
+
+struct KernelArgs {
+    const float* const* inputs;
+    float* const* outputs;
+    std::int32_t channels;
+    std::int32_t frames;
+    double a;         // smoothing feedback coefficient
+    const double* bt; // per channel: b * target
+    double* state;    // per channel: smoothed gain, updated in place
+    float* peak;      // per channel: input peak, raised in place
+    // Frames-long scratch for lanes past the last channel: read from `padIn`
+    // (any finite data), written to `padOut`.
+    const float* padIn;
+    float* padOut;
+};
+
+using KernelFn = void (*)(const KernelArgs&) noexcept;
+
+void kernel_ref(const KernelArgs& args) noexcept;
+namespace m128 { void kernel(const KernelArgs& args) noexcept; }
+namespace m256 { void kernel(const KernelArgs& args) noexcept; }
+
+// The scalar tail every variant shares: frames [from, frames) of channel c.
+void scalarChannel(const KernelArgs& args, std::int32_t c, std::int32_t from) noexcept;
+
+struct Variant {
+    const char* name;
+    KernelFn fn;
+};
+// The fastest variant this processor runs.
+Variant selectKernel() noexcept;
+// Every variant this processor runs, the reference first (for tests and benchmarks).
+int supportedKernels(Variant* out, int capacity) noexcept;
+
+} // namespace qvd::gain

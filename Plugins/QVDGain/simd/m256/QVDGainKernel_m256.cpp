@@ -1,0 +1,107 @@
+// Four channels per tile in one 256-bit register of doubles. Compiled with
+// -mavx: no standard-library templates here, so no AVX copy of one can stand
+// in for the baseline copy at link time.
+#include <immintrin.h>
+
+#include "../../QVDGainKernel.h"
+
+namespace qvd::gain::m256 {
+namespace {
+constexpr int kLanes = 4;
+constexpr int kMaxTiles = 16;
+
+// One pass over at most kMaxTiles * kLanes channels starting at `first`.
+void run(const KernelArgs& args, int first, int channels) noexcept
+{
+    const int tiles = (channels + kLanes - 1) / kLanes;
+    const float* in[kMaxTiles * kLanes];
+    float* out[kMaxTiles * kLanes];
+    alignas(32) double stateLanes[kMaxTiles * kLanes];
+    alignas(32) double btLanes[kMaxTiles * kLanes];
+    alignas(16) float peakLanes[kMaxTiles * kLanes];
+    for (int i = 0; i < tiles * kLanes; ++i) {
+        const bool real = i < channels;
+        const int c = first + i;
+        in[i] = real ? args.inputs[c] : args.padIn;
+        out[i] = real ? args.outputs[c] : args.padOut;
+        stateLanes[i] = real ? args.state[c] : 0.0;
+        btLanes[i] = real ? args.bt[c] : 0.0;
+        peakLanes[i] = real ? args.peak[c] : 0.0f;
+    }
+
+    __m256d state[kMaxTiles];
+    __m256d bt[kMaxTiles];
+    __m128 peak[kMaxTiles];
+    for (int t = 0; t < tiles; ++t) {
+        state[t] = _mm256_load_pd(stateLanes + t * kLanes);
+        bt[t] = _mm256_load_pd(btLanes + t * kLanes);
+        peak[t] = _mm_load_ps(peakLanes + t * kLanes);
+    }
+    const __m256d a = _mm256_set1_pd(args.a);
+    const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
+    const int vectorFrames = args.frames & ~3;
+
+    // Frames outer, tiles inner: the tiles' recursions are independent, so
+    // their latencies overlap.
+    for (int n = 0; n < vectorFrames; n += 4) {
+        for (int t = 0; t < tiles; ++t) {
+            const float* const* src = in + t * kLanes;
+            __m128 f0 = _mm_loadu_ps(src[0] + n);
+            __m128 f1 = _mm_loadu_ps(src[1] + n);
+            __m128 f2 = _mm_loadu_ps(src[2] + n);
+            __m128 f3 = _mm_loadu_ps(src[3] + n);
+            _MM_TRANSPOSE4_PS(f0, f1, f2, f3); // f_k: frame n + k of the four channels
+
+            // max(|x|, peak) keeps the peak when x is NaN.
+            __m128 p = peak[t];
+            p = _mm_max_ps(_mm_and_ps(f0, absMask), p);
+            p = _mm_max_ps(_mm_and_ps(f1, absMask), p);
+            p = _mm_max_ps(_mm_and_ps(f2, absMask), p);
+            p = _mm_max_ps(_mm_and_ps(f3, absMask), p);
+            peak[t] = p;
+
+            __m256d s = state[t];
+            const __m256d b = bt[t];
+            s = _mm256_add_pd(_mm256_mul_pd(a, s), b);
+            __m128 y0 = _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_cvtps_pd(f0), s));
+            s = _mm256_add_pd(_mm256_mul_pd(a, s), b);
+            __m128 y1 = _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_cvtps_pd(f1), s));
+            s = _mm256_add_pd(_mm256_mul_pd(a, s), b);
+            __m128 y2 = _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_cvtps_pd(f2), s));
+            s = _mm256_add_pd(_mm256_mul_pd(a, s), b);
+            __m128 y3 = _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_cvtps_pd(f3), s));
+            state[t] = s;
+
+            _MM_TRANSPOSE4_PS(y0, y1, y2, y3);
+            float* const* dst = out + t * kLanes;
+            _mm_storeu_ps(dst[0] + n, y0);
+            _mm_storeu_ps(dst[1] + n, y1);
+            _mm_storeu_ps(dst[2] + n, y2);
+            _mm_storeu_ps(dst[3] + n, y3);
+        }
+    }
+
+    for (int t = 0; t < tiles; ++t) {
+        _mm256_store_pd(stateLanes + t * kLanes, state[t]);
+        _mm_store_ps(peakLanes + t * kLanes, peak[t]);
+    }
+    for (int i = 0; i < channels; ++i) {
+        args.state[first + i] = stateLanes[i];
+        args.peak[first + i] = peakLanes[i];
+        if (vectorFrames < args.frames)
+            scalarChannel(args, first + i, vectorFrames);
+    }
+}
+} // namespace
+
+void kernel(const KernelArgs& args) noexcept
+{
+    if (args.frames <= 0)
+        return;
+    for (int first = 0; first < args.channels; first += kMaxTiles * kLanes) {
+        const int rest = args.channels - first;
+        run(args, first, rest < kMaxTiles * kLanes ? rest : kMaxTiles * kLanes);
+    }
+}
+
+} // namespace qvd::gain::m256
