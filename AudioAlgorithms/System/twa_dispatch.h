@@ -1,0 +1,49 @@
+#pragma once
+// Variant tables shared by the kernel factories. A family lists its variants
+// in order of preference; the factory installs the first whose condition holds.
+
+#include <cstddef>
+#include <memory>
+#include <span>
+
+namespace twa {
+
+// What a variant's code needs from the processor to run at all; independent of
+// the dispatch queries, which may be forced.
+enum class IsaNeed : unsigned char { None, SSE2, SSE41, AVX, FMA, AVX2 };
+
+// [any-thread] True when this processor and OS can run code built for `need`.
+bool MachineRuns(IsaNeed need);
+
+template <class Base, class... Args>
+struct KernelVariant {
+    const char* name;
+    IsaNeed needs;
+    // The dispatch condition: instruction-set queries and the arguments.
+    bool (*chosen)(Args...);
+    // Builds the variant; only called when the processor can run it.
+    Base* (*create)(Args...);
+};
+
+template <class Base, class... Args>
+const KernelVariant<Base, Args...>* FirstChosen(std::span<const KernelVariant<Base, Args...>> list,
+                                                Args... args)
+{
+    for (const auto& v : list)
+        if (v.chosen(args...))
+            return &v;
+    return nullptr;
+}
+
+// Fills `out` with the first chosen variant; the previous object, if any, is
+// destroyed after the new one is installed. Leaves `out` empty when none is chosen.
+template <class Base, class... Args>
+const char* InstallFirstChosen(std::unique_ptr<Base>& out,
+                               std::span<const KernelVariant<Base, Args...>> list, Args... args)
+{
+    const auto* v = FirstChosen<Base, Args...>(list, args...);
+    out.reset(v ? v->create(args...) : nullptr);
+    return v ? v->name : nullptr;
+}
+
+} // namespace twa
