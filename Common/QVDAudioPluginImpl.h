@@ -98,7 +98,8 @@ public:
     // [control-thread] Builds the editor panel; null when the plugin has none.
     virtual QWidget* buildEditor(QWidget* parent);
 
-    const QVDPluginDescriptor* descriptor() const { return m_descriptor; }
+    // The registry's copy of the descriptor this instance was created from.
+    const QVDPluginDescriptor* pluginDescriptor() const { return m_descriptor; }
     void* hostContext() const { return m_hostContext; }
     qvd::HostServices* hostServices() const { return m_hostServices; }
     // Values asked of the host services at creation (1.0 and 0 without a host).

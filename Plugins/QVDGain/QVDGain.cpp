@@ -103,6 +103,15 @@ void QVDGain::channelCountsChanged()
     setMeterGroupSize(kOutputMeter, activeOutputs());
 }
 
+void QVDGain::resetState() noexcept
+{
+    // After a discontinuity there is nothing to glide from: start at the target.
+    for (std::int32_t c = 0; c < m_maxChannels; ++c) {
+        ChannelGain& ch = m_channels[static_cast<std::size_t>(c)];
+        ch.state.store(ch.target.load(std::memory_order_relaxed), std::memory_order_relaxed);
+    }
+}
+
 void QVDGain::processBlock(const qvd::BlockRecord* block, const float* const* inputs, float* const* outputs,
                            std::int32_t frames) noexcept
 {

@@ -38,6 +38,7 @@ protected:
                       std::int32_t frames) noexcept override;
     bool prepareProcessing() override;
     void channelCountsChanged() override;
+    void resetState() noexcept override;
 
 private:
     struct ChannelGain {

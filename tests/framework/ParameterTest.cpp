@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include <QVDParameter.h>
+
+namespace {
+
+QVDTaperSegment segment(int kind, float from, float to, float v0, float v1)
+{
+    return QVDTaperSegment{kind, from, to, v0, v1};
+}
+
+TEST(ValueTable, LinearSegmentCoversItsPositionsPlusTheEndValue)
+{
+    const auto table = qvdBuildValueTable({segment(0, 0, 4, 0.0f, 1.0f)});
+    EXPECT_EQ(table, (std::vector<float>{0.0f, 0.25f, 0.5f, 0.75f, 1.0f}));
+}
+
+TEST(ValueTable, SegmentsJoinAndOnlyTheLastEndValueIsAppended)
+{
+    const auto table = qvdBuildValueTable({segment(0, 0, 2, 0.0f, 10.0f), segment(0, 2, 4, 10.0f, 30.0f)});
+    EXPECT_EQ(table, (std::vector<float>{0.0f, 5.0f, 10.0f, 20.0f, 30.0f}));
+}
+
+TEST(ValueTable, ExponentialSegmentIsGeometricFromANearZeroStart)
+{
+    const auto table = qvdBuildValueTable({segment(1, 0, 4, 1.0f, 16.0f)});
+    ASSERT_EQ(table.size(), 5u);
+    for (int i = 0; i < 4; ++i)
+        EXPECT_NEAR(table[static_cast<std::size_t>(i)], std::pow(2.0f, static_cast<float>(i)), 1e-4f) << i;
+    EXPECT_EQ(table[4], 16.0f);
+
+    // A taper may start at 0: the offset keeps the log finite.
+    const auto fromZero = qvdBuildValueTable({segment(1, 0, 3, 0.0f, 8.0f)});
+    for (const float v : fromZero)
+        EXPECT_TRUE(std::isfinite(v));
+    EXPECT_EQ(fromZero.back(), 8.0f);
+}
+
+TEST(ValueTable, UnknownKindsAddNothingAndNoSegmentsGiveOneZero)
+{
+    EXPECT_EQ(qvdBuildValueTable({}), std::vector<float>{0.0f});
+    EXPECT_EQ(qvdBuildValueTable({segment(7, 0, 5, 1.0f, 2.0f)}), std::vector<float>{2.0f});
+}
+
+TEST(ParameterEntry, StepIsNormalisedWhenRegistered)
+{
+    QVDParameterDefinition d;
+    d.step = 0.0f;
+    EXPECT_EQ(QVDParameterEntry(d).definition().step, 1.0f);
+    d.step = 0.00001f;
+    EXPECT_EQ(QVDParameterEntry(d).definition().step, 0.0001f);
+    d.step = -3.0f;
+    EXPECT_EQ(QVDParameterEntry(d).definition().step, 0.0001f);
+    d.step = 0.5f;
+    EXPECT_EQ(QVDParameterEntry(d).definition().step, 0.5f);
+}
+
+TEST(ParameterEntry, StartsAtTheDefaultAndExchangesValues)
+{
+    QVDParameterDefinition d;
+    d.defaultValue = 3.0f;
+    QVDParameterEntry entry(d);
+    EXPECT_EQ(entry.value(), 3.0f);
+    EXPECT_EQ(entry.exchange(5.0f), 3.0f);
+    EXPECT_EQ(entry.value(), 5.0f);
+    const QVDParameterEntry copy(entry);
+    EXPECT_EQ(copy.value(), 5.0f);
+}
+
+TEST(ParameterEntry, ListValuesRoundHalfUp)
+{
+    EXPECT_EQ(qvdListIndex(1.49f), 1);
+    EXPECT_EQ(qvdListIndex(1.5f), 2);
+    EXPECT_EQ(qvdListIndex(0.0f), 0);
+    EXPECT_TRUE(qvdSwitchOn(0.5f));
+    EXPECT_FALSE(qvdSwitchOn(0.49f));
+    EXPECT_FALSE(qvdSwitchOn(1.5f));
+}
+
+TEST(ParameterEntry, InfoCarriesEveryField)
+{
+    QVDParameterDefinition d;
+    d.index = 4;
+    d.identifier = QStringLiteral("BiQuad::SHAPE");
+    d.label = QStringLiteral("Shape");
+    d.kind = qvd::kList;
+    d.scale = qvd::kValueTable;
+    d.minimum = 0.0f;
+    d.maximum = 2.0f;
+    d.defaultValue = 1.0f;
+    d.step = 1.0f;
+    d.unit = QStringLiteral("Hz");
+    d.options = QStringList{QStringLiteral("Bell"), QStringLiteral("Notch")};
+    const qvd::ParameterInfo info = d.toInfo();
+    EXPECT_EQ(info.index, 4);
+    EXPECT_EQ(info.identifier, "BiQuad::SHAPE");
+    EXPECT_EQ(info.label, "Shape");
+    EXPECT_EQ(info.kind, qvd::kList);
+    EXPECT_EQ(info.scale, qvd::kValueTable);
+    EXPECT_EQ(info.maximum, 2.0f);
+    EXPECT_EQ(info.defaultValue, 1.0f);
+    EXPECT_EQ(info.unit, "Hz");
+    EXPECT_EQ(info.options, (std::vector<std::string>{"Bell", "Notch"}));
+}
+
+} // namespace

@@ -1,0 +1,262 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+
+#include <QVDPluginInterfaceImpl.h>
+
+#include "TestDelayPlugin.h"
+
+extern "C" void* GetQVDPluginInterface();
+
+namespace {
+
+struct Instance {
+    explicit Instance(const char* key = QVDTestDelay::kKey)
+        : instance(static_cast<qvd::PluginInterface*>(GetQVDPluginInterface())->createPlugin(qvd::kAudioPlugin, key))
+    {
+    }
+    ~Instance()
+    {
+        if (instance)
+            instance->destroy();
+    }
+    QVDTestDelay* delay() const { return dynamic_cast<QVDTestDelay*>(instance); }
+    AudioPlugin* audio() const { return instance->getAudioInterface(); }
+    qvd::PluginInstance* instance;
+};
+
+std::vector<float> noise(std::size_t n, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> d(-1.0f, 1.0f);
+    std::vector<float> v(n);
+    for (auto& x : v)
+        x = d(rng);
+    return v;
+}
+
+constexpr int kBlock = 64;
+
+TEST(PluginBase, PrepareRefusesBadRatesAndBlockSizes)
+{
+    Instance p;
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    for (const float rate : {0.0f, -48000.0f, nan, std::numeric_limits<float>::infinity(), 0.5f})
+        EXPECT_FALSE(p.audio()->prepare(rate, kBlock, nullptr)) << rate;
+    for (const std::int32_t size : {0, -1, AudioPlugin::kMaxBlockSize + 1})
+        EXPECT_FALSE(p.audio()->prepare(48000.0f, size, nullptr)) << size;
+    // An unprepared plugin refuses to process and writes silence.
+    std::vector<float> in(kBlock, 1.0f), out(kBlock, 7.0f);
+    const float* ins[2] = {in.data(), in.data()};
+    float* outs[2] = {out.data(), out.data()};
+    EXPECT_FALSE(p.audio()->process(nullptr, ins, outs, kBlock));
+    EXPECT_EQ(out[0], 0.0f);
+
+    EXPECT_TRUE(p.audio()->prepare(44100.9f, kBlock, nullptr));
+    EXPECT_EQ(p.audio()->sampleRate(), 44100);
+    EXPECT_EQ(p.audio()->blockSize(), kBlock);
+}
+
+TEST(PluginBase, ChannelFormatsWithinTheDescriptorAreAcceptedOthersRefused)
+{
+    Instance p; // descriptor: 4 in, 4 out
+    EXPECT_EQ(p.audio()->inputChannelCount(), 2);
+    EXPECT_TRUE(p.audio()->setChannelFormats(qvd::kFormatMono, qvd::kFormatQuad));
+    EXPECT_EQ(p.audio()->inputChannelCount(), 1);
+    EXPECT_EQ(p.audio()->outputChannelCount(), 4);
+    EXPECT_TRUE(p.audio()->setChannelFormats(qvd::discreteFormat(3), qvd::ambisonicFormat(1)));
+    EXPECT_EQ(p.audio()->inputChannelCount(), 3);
+    EXPECT_EQ(p.audio()->outputChannelCount(), 4);
+    // Too many channels, or an unknown code: refused, nothing changes.
+    EXPECT_FALSE(p.audio()->setChannelFormats(qvd::kFormat51, qvd::kFormatStereo));
+    EXPECT_FALSE(p.audio()->setChannelFormats(qvd::kFormatStereo, 0x7777));
+    EXPECT_FALSE(p.audio()->setChannelFormats(qvd::discreteFormat(0), qvd::kFormatStereo));
+    EXPECT_EQ(p.audio()->inputChannelCount(), 3);
+    EXPECT_EQ(p.audio()->outputChannelCount(), 4);
+    EXPECT_EQ(QVDAudioPluginImpl::channelName(true, 0), QStringLiteral("In 1"));
+    EXPECT_EQ(QVDAudioPluginImpl::channelName(false, 11), QStringLiteral("Out 12"));
+
+    EXPECT_EQ(qvd::channelCountOf(qvd::kFormat714), 12);
+    EXPECT_EQ(qvd::channelCountOf(qvd::ambisonicFormat(5)), 36);
+    EXPECT_EQ(qvd::channelCountOf(qvd::ambisonicFormat(8)), -1);
+    EXPECT_EQ(qvd::channelCountOf(qvd::discreteFormat(65)), -1);
+}
+
+TEST(PluginBase, PrepareAppliesTheFormatsItIsGiven)
+{
+    Instance p;
+    const qvd::PrepareConfig mono{qvd::kFormatMono, qvd::kFormatKeep, -1, 0};
+    EXPECT_TRUE(p.audio()->prepare(48000.0f, kBlock, &mono));
+    EXPECT_EQ(p.audio()->inputChannelCount(), 1);
+    EXPECT_EQ(p.audio()->outputChannelCount(), 2);
+    const qvd::PrepareConfig tooWide{qvd::kFormat71, qvd::kFormat71, -1, 0};
+    EXPECT_FALSE(p.audio()->prepare(48000.0f, kBlock, &tooWide));
+}
+
+TEST(PluginBase, ResetRunsOnANewSequenceOnlyWhenPendingAndPreRollsTheLatency)
+{
+    Instance p;
+    QVDTestDelay* d = p.delay();
+    ASSERT_TRUE(p.audio()->prepare(48000.0f, kBlock, nullptr));
+    const int resetsAtPrepare = d->resets;
+    std::vector<float> buf(kBlock, 0.5f);
+    float* io[2] = {buf.data(), buf.data()};
+    qvd::BlockRecord block{};
+    block.sequence = 7;
+
+    // First block after prepare: reset, then exactly the latency in silence.
+    p.audio()->process(&block, io, io, kBlock);
+    EXPECT_EQ(d->resets, resetsAtPrepare + 1);
+    EXPECT_EQ(d->preRollFrames, static_cast<std::int64_t>(QVDTestDelay::kLatency));
+    EXPECT_EQ(d->preRollCalls, 2); // 100 frames in chunks of at most 64
+    EXPECT_EQ(d->blockFrames.back(), kBlock);
+
+    // The same sequence never resets, even when a reset is requested.
+    p.audio()->requestReset();
+    EXPECT_FALSE(p.audio()->needsReset(7));
+    p.audio()->process(&block, io, io, kBlock);
+    EXPECT_EQ(d->resets, resetsAtPrepare + 1);
+
+    // A new sequence without a pending reset does not reset either.
+    block.sequence = 8;
+    p.audio()->process(&block, io, io, kBlock);
+    EXPECT_EQ(d->resets, resetsAtPrepare + 1);
+
+    // Pending and new: reset and pre-roll again.
+    p.audio()->requestReset();
+    EXPECT_TRUE(p.audio()->needsReset(9));
+    block.sequence = 9;
+    p.audio()->process(&block, io, io, kBlock);
+    EXPECT_EQ(d->resets, resetsAtPrepare + 2);
+    EXPECT_EQ(d->preRollFrames, 2 * static_cast<std::int64_t>(QVDTestDelay::kLatency));
+}
+
+TEST(PluginBase, FrameCountZeroMeansTheBlockSizeAndLongBlocksAreChunked)
+{
+    Instance p;
+    ASSERT_TRUE(p.audio()->prepare(48000.0f, kBlock, nullptr));
+    const auto signal = noise(1000, 1);
+
+    std::vector<float> whole(signal);
+    float* io[2] = {whole.data(), whole.data()};
+    const float* in[2] = {signal.data(), signal.data()};
+    std::vector<float> left(1000), right(1000);
+    float* out[2] = {left.data(), right.data()};
+    EXPECT_TRUE(p.audio()->process(nullptr, in, out, 1000));
+    EXPECT_EQ(p.delay()->blockFrames.size(), 16u); // ceil(1000 / 64)
+    for (std::size_t n = 0; n < 1000; ++n) {
+        const float expected = n < QVDTestDelay::kLatency ? 0.0f : signal[n - QVDTestDelay::kLatency];
+        ASSERT_EQ(left[n], expected) << n;
+        ASSERT_EQ(right[n], expected) << n;
+    }
+    (void)io;
+
+    p.delay()->blockFrames.clear();
+    EXPECT_TRUE(p.audio()->process(nullptr, in, out, 0));
+    ASSERT_EQ(p.delay()->blockFrames.size(), 1u);
+    EXPECT_EQ(p.delay()->blockFrames[0], kBlock);
+}
+
+TEST(PluginBase, BadBuffersAreRefusedWithSilence)
+{
+    Instance p;
+    ASSERT_TRUE(p.audio()->prepare(48000.0f, kBlock, nullptr));
+    std::vector<float> in(kBlock, 1.0f), out(kBlock, 5.0f);
+    const float* ins[2] = {in.data(), nullptr};
+    float* outs[2] = {out.data(), out.data()};
+    EXPECT_FALSE(p.audio()->process(nullptr, ins, outs, kBlock));
+    EXPECT_EQ(out[kBlock - 1], 0.0f);
+    EXPECT_FALSE(p.audio()->process(nullptr, nullptr, outs, kBlock));
+    EXPECT_FALSE(p.audio()->process(nullptr, ins, nullptr, kBlock));
+    const float* good[2] = {in.data(), in.data()};
+    EXPECT_FALSE(p.audio()->process(nullptr, good, outs, -5));
+}
+
+TEST(PluginBase, BypassIsTheInputDelayedByTheLatencyBitForBit)
+{
+    Instance p;
+    ASSERT_TRUE(p.audio()->prepare(48000.0f, kBlock, nullptr));
+    p.audio()->setBypass(true);
+    EXPECT_TRUE(p.audio()->isBypassed());
+    const auto signal = noise(640, 2);
+    std::vector<float> a(signal), b(signal.size());
+    const float* in[2] = {signal.data(), signal.data()};
+    float* out[2] = {a.data(), b.data()};
+    for (std::size_t done = 0; done < signal.size(); done += kBlock) {
+        const float* i[2] = {in[0] + done, in[1] + done};
+        float* o[2] = {out[0] + done, out[1] + done};
+        p.audio()->process(nullptr, i, o, kBlock);
+    }
+    for (std::size_t n = 0; n < signal.size(); ++n) {
+        const float expected = n < QVDTestDelay::kLatency ? 0.0f : signal[n - QVDTestDelay::kLatency];
+        ASSERT_EQ(std::memcmp(&a[n], &expected, 4), 0) << n;
+        ASSERT_EQ(std::memcmp(&b[n], &expected, 4), 0) << n;
+    }
+}
+
+TEST(PluginBase, MetersReadInDecibelsWithASilenceFloor)
+{
+    Instance p;
+    EXPECT_EQ(p.instance->meterGroupCount(), 1);
+    EXPECT_STREQ(p.instance->meterGroupName(0), "Levels");
+    EXPECT_EQ(p.instance->meterGroupName(1), nullptr);
+    EXPECT_EQ(p.instance->getMeterValues(0, nullptr, 0), 4);
+    EXPECT_EQ(p.instance->getMeterValues(1, nullptr, 0), 0);
+    EXPECT_EQ(p.instance->getMeterValues(-1, nullptr, 0), 0);
+
+    struct Access : QVDTestDelay {
+        using QVDTestDelay::setMeterLevel;
+    };
+    auto* d = static_cast<Access*>(p.delay());
+    d->setMeterLevel(0, 0, 0.0f);
+    d->setMeterLevel(0, 1, 2.0f);
+    d->setMeterLevel(0, 2, 0.5f);
+    d->setMeterLevel(0, 3, 1e-6f);
+    double db[4];
+    ASSERT_EQ(p.instance->getMeterValues(0, db, 4), 4);
+    EXPECT_EQ(db[0], -100.0);
+    EXPECT_EQ(db[1], 0.0);
+    EXPECT_NEAR(db[2], -6.0206, 1e-4);
+    EXPECT_EQ(db[3], -100.0);
+    d->setMeterLevel(0, 0, std::numeric_limits<float>::quiet_NaN());
+    double two[2] = {1, 1};
+    EXPECT_EQ(p.instance->getMeterValues(0, two, 2), 4); // size reported, only 2 written
+    EXPECT_EQ(two[0], -100.0);
+}
+
+TEST(PluginBase, ParameterAccessRefusesOutOfRangeIndices)
+{
+    Instance p;
+    EXPECT_EQ(p.instance->parameterCount(), 1);
+    EXPECT_TRUE(p.instance->setParameter(0, 1.49f));
+    EXPECT_EQ(p.instance->getParameter(0), 1.49f);
+    EXPECT_TRUE(p.instance->setParameterValue(0, 2.0));
+    EXPECT_EQ(p.instance->getParameter(0), 2.0f);
+    for (const std::int32_t bad : {1, -1, 1000}) {
+        EXPECT_FALSE(p.instance->setParameter(bad, 1.0f));
+        EXPECT_FALSE(p.instance->setParameterValue(bad, 1.0));
+        EXPECT_EQ(p.instance->getParameter(bad), 0.0f);
+        EXPECT_FALSE(p.instance->parameterInfo(bad, nullptr));
+    }
+    EXPECT_EQ(p.instance->getParameter(0), 2.0f);
+    // The setter does not clamp.
+    EXPECT_TRUE(p.instance->setParameter(0, 50.0f));
+    EXPECT_EQ(p.instance->getParameter(0), 50.0f);
+
+    qvd::ParameterInfo info;
+    ASSERT_TRUE(p.instance->parameterInfo(0, &info));
+    EXPECT_EQ(info.identifier, "QVDTestDelay::MODE");
+    EXPECT_EQ(info.step, 1.0f); // 0 in the table
+    EXPECT_EQ(info.options.size(), 3u);
+    EXPECT_EQ(p.audio()->parameterIndex("QVDTestDelay::MODE"), 0);
+    EXPECT_EQ(p.audio()->parameterIndex("QVDTestDelay::mode"), -1);
+    EXPECT_EQ(p.audio()->parameterIndex(nullptr), -1);
+    EXPECT_TRUE(p.audio()->setParameterByIdentifier("QVDTestDelay::MODE", 1.0f));
+    EXPECT_FALSE(p.audio()->setParameterByIdentifier("Nope::X", 1.0f));
+    EXPECT_EQ(p.instance->getLatency(), 0u); // set by prepare
+}
+
+} // namespace
