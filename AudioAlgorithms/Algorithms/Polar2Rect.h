@@ -10,7 +10,7 @@
 namespace twa::numeric {
 
 // re = mag * cos(phase), im = mag * sin(phase). Outputs may be the input
-// arrays. SIMD variants are within 4e-7 * mag of the C library for
+// arrays. SIMD variants are within 1.5e-7 * mag of the C library for
 // |phase| <= 8192 and expect aligned pointers.
 class Polar2Rect {
 public:

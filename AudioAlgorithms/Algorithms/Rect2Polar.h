@@ -11,7 +11,7 @@ namespace twa::numeric {
 
 // mag = sqrt(re^2 + im^2), phase = atan2(im, re) in [-pi, pi]. Outputs may be
 // the input arrays. The magnitude is exact in every variant; the SIMD phase is
-// within 4e-7 rad of the C library's. SIMD variants expect aligned pointers.
+// within 6e-7 rad of the C library's. SIMD variants expect aligned pointers.
 class Rect2Polar {
 public:
     virtual ~Rect2Polar();
