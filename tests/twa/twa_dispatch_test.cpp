@@ -3,6 +3,7 @@
 #include "Algorithms/CSquareMagnitude.h"
 #include "Algorithms/FindMinMax.h"
 #include "Algorithms/Func.h"
+#include "Algorithms/Interleave.h"
 #include "Algorithms/Polar2Rect.h"
 #include "Algorithms/Rect2Polar.h"
 #include "Algorithms/Vec.h"
@@ -90,6 +91,40 @@ TEST(Dispatch, EachForcedLevelPicksTheVariantOfTheTable)
     }
 }
 
+TEST(Dispatch, InterleaveGoesByChannelCountThenWidth)
+{
+    ScopedCpuFeatures restore;
+    auto de = [](std::size_t c, SampleFormat f) {
+        return choice<Deinterleave, std::size_t, SampleFormat>(DeinterleaveVariants(), c, f);
+    };
+    auto il = [](std::size_t c, SampleFormat f) {
+        return choice<Interleave, std::size_t, SampleFormat>(InterleaveVariants(), c, f);
+    };
+    using F = SampleFormat;
+    ScopedCpuFeatures::Force(kIsaAVX2, true);
+    EXPECT_EQ(de(2, F::Float32), "Deinterleave_f32_c2_m256");
+    EXPECT_EQ(de(4, F::Int16), "Deinterleave_i16_c4_m256_avx2");
+    EXPECT_EQ(de(32, F::Float32), "Deinterleave_f32_c16m_m256");
+    EXPECT_EQ(de(12, F::Float32), "Deinterleave_f32_c4m_m128");
+    EXPECT_EQ(de(16, F::Int24), "Deinterleave_i24_c4m_m128_sse41");
+    EXPECT_EQ(il(2, F::Int24), "Interleave_i24_c2_m128_sse41");
+    EXPECT_EQ(il(6, F::Int16), "Interleave_ref");
+    EXPECT_EQ(il(1, F::Float32), "Interleave_ref");
+
+    ScopedCpuFeatures::Force(kIsaAVX, true);
+    EXPECT_EQ(de(4, F::Int16), "Deinterleave_i16_c4_m128") << "16-bit 256-bit paths need AVX2";
+    EXPECT_EQ(de(4, F::Float32), "Deinterleave_f32_c4_m256");
+    ScopedCpuFeatures::Force(kIsaSSE42, false);
+    EXPECT_EQ(de(16, F::Float32), "Deinterleave_f32_c4m_m128");
+    EXPECT_EQ(il(2, F::Int24), "Interleave_i24_c2_m128_sse41");
+    ScopedCpuFeatures::Force(kIsaSSSE3, false);
+    EXPECT_EQ(il(2, F::Int24), "Interleave_ref") << "24-bit paths need SSE4.1";
+    EXPECT_EQ(il(2, F::Int16), "Interleave_i16_c2_m128");
+    ScopedCpuFeatures::Force(kIsaNone, false);
+    EXPECT_EQ(il(2, F::Float32), "Interleave_ref");
+    EXPECT_EQ(de(0, F::Float32), "(none)");
+}
+
 TEST(Dispatch, AvxTwoWithoutOsSupportStillPicksTheAvxTwoFunc)
 {
     ScopedCpuFeatures restore;
@@ -155,6 +190,20 @@ TEST(Dispatch, EveryListedVariantReportsItsOwnName)
     expectOwnNames(Rect2PolarVariants());
     expectOwnNames(Polar2RectVariants());
     expectOwnNames(CSquareMagnitudeVariants());
+    for (std::size_t c : {1, 2, 3, 4, 8, 12, 16}) {
+        ScopedCpuFeatures restore;
+        ScopedCpuFeatures::Force(kIsaAVX2, true);
+        for (SampleFormat f : {SampleFormat::Int16, SampleFormat::Int24, SampleFormat::Float32}) {
+            for (const auto& v : DeinterleaveVariants())
+                if (MachineRuns(v.needs) && v.chosen(c, f)) {
+                    EXPECT_STREQ(std::unique_ptr<Deinterleave>(v.create(c, f))->Name(), v.name) << c;
+                }
+            for (const auto& v : InterleaveVariants())
+                if (MachineRuns(v.needs) && v.chosen(c, f)) {
+                    EXPECT_STREQ(std::unique_ptr<Interleave>(v.create(c, f))->Name(), v.name) << c;
+                }
+        }
+    }
     for (std::size_t c : {1, 2, 4, 8, 12}) {
         ScopedCpuFeatures restore;
         ScopedCpuFeatures::Force(kIsaAVX2, true);

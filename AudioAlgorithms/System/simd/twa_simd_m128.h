@@ -100,4 +100,33 @@ inline void interleave2(V even, V odd, V& lo, V& hi)
 
 inline void toArray(V a, float* out) { _mm_storeu_ps(out, a.r); }
 
+// Rows become columns of the 4x4 block (within each 128-bit lane on wider vectors).
+inline void transpose4inLanes(V& a, V& b, V& c, V& d)
+{
+    const __m128 t0 = _mm_unpacklo_ps(a.r, b.r);
+    const __m128 t1 = _mm_unpacklo_ps(c.r, d.r);
+    const __m128 t2 = _mm_unpackhi_ps(a.r, b.r);
+    const __m128 t3 = _mm_unpackhi_ps(c.r, d.r);
+    a.r = _mm_shuffle_ps(t0, t1, 0x44);
+    b.r = _mm_shuffle_ps(t0, t1, 0xEE);
+    c.r = _mm_shuffle_ps(t2, t3, 0x44);
+    d.r = _mm_shuffle_ps(t2, t3, 0xEE);
+}
+
+// W x W transpose of r[0..W).
+inline void transposeSquare(V* r)
+{
+    transpose4inLanes(r[0], r[1], r[2], r[3]);
+}
+
+// Four vectors of interleaved 4-channel frames to one vector per channel, and back.
+inline void deinterleave4(V* r)
+{
+    transpose4inLanes(r[0], r[1], r[2], r[3]);
+}
+inline void interleave4(V* r)
+{
+    transpose4inLanes(r[0], r[1], r[2], r[3]);
+}
+
 } // namespace twa::simd::TWA_ISA

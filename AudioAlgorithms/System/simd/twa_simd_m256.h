@@ -112,4 +112,57 @@ inline void interleave2(V even, V odd, V& lo, V& hi)
 
 inline void toArray(V a, float* out) { _mm256_storeu_ps(out, a.r); }
 
+// Rows become columns of each 4x4 block held in the 128-bit lanes.
+inline void transpose4inLanes(V& a, V& b, V& c, V& d)
+{
+    const __m256 t0 = _mm256_unpacklo_ps(a.r, b.r);
+    const __m256 t1 = _mm256_unpacklo_ps(c.r, d.r);
+    const __m256 t2 = _mm256_unpackhi_ps(a.r, b.r);
+    const __m256 t3 = _mm256_unpackhi_ps(c.r, d.r);
+    a.r = _mm256_shuffle_ps(t0, t1, 0x44);
+    b.r = _mm256_shuffle_ps(t0, t1, 0xEE);
+    c.r = _mm256_shuffle_ps(t2, t3, 0x44);
+    d.r = _mm256_shuffle_ps(t2, t3, 0xEE);
+}
+
+// 8 x 8 transpose of r[0..8).
+inline void transposeSquare(V* r)
+{
+    transpose4inLanes(r[0], r[1], r[2], r[3]);
+    transpose4inLanes(r[4], r[5], r[6], r[7]);
+    for (int k = 0; k < 4; ++k) {
+        const __m256 lo = _mm256_permute2f128_ps(r[k].r, r[k + 4].r, 0x20);
+        const __m256 hi = _mm256_permute2f128_ps(r[k].r, r[k + 4].r, 0x31);
+        r[k].r = lo;
+        r[k + 4].r = hi;
+    }
+}
+
+// Four vectors of interleaved 4-channel frames (two frames each) to one vector
+// per channel, and back.
+inline void deinterleave4(V* r)
+{
+    V t0{_mm256_permute2f128_ps(r[0].r, r[2].r, 0x20)};
+    V t1{_mm256_permute2f128_ps(r[0].r, r[2].r, 0x31)};
+    V t2{_mm256_permute2f128_ps(r[1].r, r[3].r, 0x20)};
+    V t3{_mm256_permute2f128_ps(r[1].r, r[3].r, 0x31)};
+    transpose4inLanes(t0, t1, t2, t3);
+    r[0] = t0;
+    r[1] = t1;
+    r[2] = t2;
+    r[3] = t3;
+}
+inline void interleave4(V* r)
+{
+    transpose4inLanes(r[0], r[1], r[2], r[3]);
+    const V t0{_mm256_permute2f128_ps(r[0].r, r[1].r, 0x20)};
+    const V t1{_mm256_permute2f128_ps(r[2].r, r[3].r, 0x20)};
+    const V t2{_mm256_permute2f128_ps(r[0].r, r[1].r, 0x31)};
+    const V t3{_mm256_permute2f128_ps(r[2].r, r[3].r, 0x31)};
+    r[0] = t0;
+    r[1] = t1;
+    r[2] = t2;
+    r[3] = t3;
+}
+
 } // namespace twa::simd::TWA_ISA
