@@ -1,0 +1,102 @@
+// The log10 / 10^x passes of every variant against the reference, on the
+// awkward counts, misaligned, with guard words around the output.
+#include <gtest/gtest.h>
+
+#include <cfloat>
+#include <cmath>
+#include <cstring>
+
+#include <Algorithms/DynamicsKernels.h>
+
+#include "AlgorithmTestSupport.h"
+
+using namespace qvd::dynamics;
+
+namespace {
+
+const std::int32_t kCounts[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 31, 32, 33, 64, 65, 999, 4095};
+constexpr float kGuard = -12345.0f;
+
+// Distance in units in the last place between two finite floats of one sign.
+std::int64_t ulps(float a, float b)
+{
+    std::int32_t ia, ib;
+    std::memcpy(&ia, &a, 4);
+    std::memcpy(&ib, &b, 4);
+    if (ia < 0)
+        ia = INT32_MIN - ia;
+    if (ib < 0)
+        ib = INT32_MIN - ib;
+    return std::llabs(static_cast<std::int64_t>(ia) - ib);
+}
+
+// Runs `fn` on `in` placed at offset 1 of a guarded buffer; checks the guards.
+std::vector<float> runGuarded(void (*fn)(const float*, float*, std::int32_t) noexcept, const std::vector<float>& in)
+{
+    const std::size_t n = in.size();
+    std::vector<float> src(n + 2, 1.0f), dst(n + 3, kGuard);
+    std::copy(in.begin(), in.end(), src.begin() + 1);
+    fn(src.data() + 1, dst.data() + 1, static_cast<std::int32_t>(n));
+    EXPECT_EQ(dst[0], kGuard);
+    EXPECT_EQ(dst[n + 1], kGuard);
+    EXPECT_EQ(dst[n + 2], kGuard);
+    return {dst.begin() + 1, dst.begin() + 1 + static_cast<std::ptrdiff_t>(n)};
+}
+
+} // namespace
+
+TEST(DynamicsKernels, ReferenceIsTheLibraryFunctionAndAlwaysOffered)
+{
+    const auto all = algtest::variants();
+    ASSERT_FALSE(all.empty());
+    EXPECT_STREQ(all.front().name, "ref");
+    const std::vector<float> in{1e-5f, 0.5f, 1.0f, 3.0f, 1e30f};
+    const auto out = runGuarded(all.front().log10, in);
+    for (std::size_t i = 0; i < in.size(); ++i)
+        EXPECT_EQ(out[i], std::log10(in[i]));
+    EXPECT_NE(selectVariant().name, nullptr);
+}
+
+TEST(DynamicsKernels, Log10WithinThreeUlpOverTheDetectorRange)
+{
+    for (const Variant& v : algtest::variants()) {
+        SCOPED_TRACE(v.name);
+        for (std::int32_t count : kCounts) {
+            std::vector<float> in(static_cast<std::size_t>(count));
+            std::mt19937 rng(static_cast<std::uint32_t>(count));
+            // Log-uniform over the whole normal range, plus values next to 1 and powers of two.
+            std::uniform_real_distribution<double> exponent(std::log(FLT_MIN), std::log(FLT_MAX));
+            for (std::size_t i = 0; i < in.size(); ++i)
+                in[i] = i % 5 == 0 ? std::nextafter(1.0f, static_cast<float>(i % 2)) * (i % 3 == 0 ? 1.0f : 4.0f)
+                                   : static_cast<float>(std::exp(exponent(rng)));
+            const auto out = runGuarded(v.log10, in);
+            for (std::size_t i = 0; i < in.size(); ++i) {
+                const auto exact = static_cast<float>(std::log10(static_cast<double>(in[i])));
+                ASSERT_TRUE(ulps(out[i], exact) <= 3 || std::fabs(out[i] - exact) < 1e-9f)
+                    << "x=" << in[i] << " got " << out[i] << " want " << exact;
+            }
+        }
+    }
+}
+
+TEST(DynamicsKernels, Exp10WithinThreeUlpAndSaturatingOutsideItsRange)
+{
+    for (const Variant& v : algtest::variants()) {
+        SCOPED_TRACE(v.name);
+        for (std::int32_t count : kCounts) {
+            auto in = algtest::noise(static_cast<std::size_t>(count), 37.5f, static_cast<std::uint32_t>(count) + 7u);
+            for (std::size_t i = 0; i < in.size(); i += 7)
+                in[i] *= 1e-3f; // gains near 0 dB matter most
+            const auto out = runGuarded(v.exp10, in);
+            for (std::size_t i = 0; i < in.size(); ++i) {
+                const auto exact = static_cast<float>(std::pow(10.0, static_cast<double>(in[i])));
+                ASSERT_LE(ulps(out[i], exact), 3) << "x=" << in[i] << " got " << out[i] << " want " << exact;
+            }
+        }
+        const auto edge = runGuarded(v.exp10, {0.0f, -1000.0f, 1000.0f});
+        EXPECT_EQ(edge[0], 1.0f); // unity gain stays exactly unity
+        EXPECT_GE(edge[1], 0.0f);
+        EXPECT_LT(edge[1], 1e-37f);
+        EXPECT_GE(edge[2], 1e38f);
+    }
+}
