@@ -39,12 +39,10 @@ QVDAudioPluginImpl::QVDAudioPluginImpl(const QVDPluginDescriptor* descriptor, vo
     }
     m_inputCount = std::min(2, maxInputs());
     m_outputCount = std::min(2, maxOutputs());
-    const std::size_t maxChannels = static_cast<std::size_t>(std::max(maxInputs(), maxOutputs()));
     m_preRollInputs.assign(static_cast<std::size_t>(maxInputs()), nullptr);
     m_preRollOutputs.assign(static_cast<std::size_t>(maxOutputs()), nullptr);
     m_chunkInputs.assign(static_cast<std::size_t>(maxInputs()), nullptr);
     m_chunkOutputs.assign(static_cast<std::size_t>(maxOutputs()), nullptr);
-    (void)maxChannels;
 }
 
 QVDAudioPluginImpl::~QVDAudioPluginImpl() = default;
@@ -164,6 +162,13 @@ void* QVDAudioPluginImpl::createEditor(void* parentWidget)
     return buildEditor(static_cast<QWidget*>(parentWidget));
 }
 
+std::int32_t QVDAudioPluginImpl::responseCurve(const double* frequencies, double* decibels, std::int32_t count) const
+{
+    if (!frequencies || !decibels || count <= 0)
+        return 0;
+    return magnitudeResponse(frequencies, decibels, count) ? count : 0;
+}
+
 // ---- MacroFXPlugin ----
 
 std::int32_t QVDAudioPluginImpl::parameterIndex(const char* identifier) const
@@ -216,8 +221,6 @@ bool QVDAudioPluginImpl::prepare(float sampleRate, std::int32_t maxBlockSize, co
     std::fill(m_preRollOutputs.begin(), m_preRollOutputs.end(), m_discardOutput.floats());
 
     if (!prepareProcessing())
-        return false;
-    if (!setLatency(latency()))
         return false;
     resetAll();
     m_lastSequence = kNoSequence;
@@ -356,6 +359,11 @@ bool QVDAudioPluginImpl::applyParameter(std::uint32_t index, float value)
 QWidget* QVDAudioPluginImpl::buildEditor(QWidget*)
 {
     return nullptr;
+}
+
+bool QVDAudioPluginImpl::magnitudeResponse(const double*, double*, std::int32_t) const
+{
+    return false;
 }
 
 QString QVDAudioPluginImpl::channelName(bool input, int index)

@@ -67,6 +67,7 @@ public:
     const char* meterGroupName(std::int32_t group) const final;
     const char* pluginKey() const final;
     void* createEditor(void* parentWidget) final;
+    std::int32_t responseCurve(const double* frequencies, double* decibels, std::int32_t count) const final;
 
     // MacroFXPlugin
     std::int32_t parameterIndex(const char* identifier) const final;
@@ -97,6 +98,9 @@ public:
     virtual bool applyParameter(std::uint32_t index, float value);
     // [control-thread] Builds the editor panel; null when the plugin has none.
     virtual QWidget* buildEditor(QWidget* parent);
+    // [control-thread] Fills `decibels` with the response at `frequencies`
+    // (count > 0, both non-null); false when the plugin has none.
+    virtual bool magnitudeResponse(const double* frequencies, double* decibels, std::int32_t count) const;
 
     // The registry's copy of the descriptor this instance was created from.
     const QVDPluginDescriptor* pluginDescriptor() const { return m_descriptor; }

@@ -58,6 +58,12 @@ public:
     // none. Needs a QApplication in the host process. The caller owns the widget
     // and must delete it before destroying the instance.
     virtual void* createEditor(void* parentWidget) = 0;
+    // [control-thread] The magnitude response of the current settings in dB
+    // at `count` frequencies in hertz, for plugins that shape the spectrum
+    // (an equaliser draws its curve from it). Returns the number of values
+    // written: `count`, or 0 when the plugin has no such response or is not
+    // prepared, or a pointer is null.
+    virtual std::int32_t responseCurve(const double* frequencies, double* decibels, std::int32_t count) const = 0;
 
 protected:
     ~PluginInstance() = default;

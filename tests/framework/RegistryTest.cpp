@@ -42,6 +42,7 @@ public:
     const char* meterGroupName(std::int32_t) const override { return nullptr; }
     const char* pluginKey() const override { return displayName(); }
     void* createEditor(void*) override { return nullptr; }
+    std::int32_t responseCurve(const double*, double*, std::int32_t) const override { return 0; }
     qvd::HostServices* services;
 };
 QVD_REGISTER_CONTROL_PLUGIN(TestControl)
