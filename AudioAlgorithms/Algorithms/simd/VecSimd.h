@@ -57,8 +57,8 @@ public:
     }
 
 private:
-    // Lane-wise search keeping each lane's first best element, with the index
-    // held as a float (exact below 2^24, so long inputs go in chunks).
+    // Lane-wise search keeping each lane's first best element, with its block
+    // offset held as a float (exact below 2^24, so long inputs go in chunks).
     template <bool kMin>
     static ValueIndex search(const float* in, std::size_t n) noexcept
     {
@@ -95,28 +95,26 @@ private:
         std::size_t best = 0;
         std::size_t i = 0;
         if (n >= W) {
-            float lane[W];
-            for (std::size_t k = 0; k < W; ++k)
-                lane[k] = static_cast<float>(k);
-            V idx = load(lane);
-            V bestIdx = idx;
+            // Each lane remembers the start of the block its best came from.
+            V block = zero();
+            V bestBlock = zero();
             V bestVal = load(in);
             const V step = set1(static_cast<float>(W));
             for (i = W; i + W <= n; i += W) {
-                idx = idx + step;
+                block = block + step;
                 const V x = load(in + i);
                 const V take = (kMin ? lt(x, bestVal) : gt(x, bestVal)) |
                                andnot(unord(x, x), unord(bestVal, bestVal));
                 bestVal = select(take, x, bestVal);
-                bestIdx = select(take, idx, bestIdx);
+                bestBlock = select(take, block, bestBlock);
             }
             float vals[W];
-            float idxs[W];
+            float blocks[W];
             toArray(bestVal, vals);
-            toArray(bestIdx, idxs);
-            best = static_cast<std::size_t>(idxs[0]);
+            toArray(bestBlock, blocks);
+            best = static_cast<std::size_t>(blocks[0]);
             for (std::size_t k = 1; k < W; ++k) {
-                const std::size_t j = static_cast<std::size_t>(idxs[k]);
+                const std::size_t j = static_cast<std::size_t>(blocks[k]) + k;
                 const bool tie = vals[k] == in[best];
                 if (betterScalar<kMin>(vals[k], in[best]) || (tie && j < best))
                     best = j;

@@ -46,7 +46,16 @@ inline V gt(V a, V b) { return {_mm256_cmp_ps(a.r, b.r, _CMP_GT_OS)}; }
 inline V eq(V a, V b) { return {_mm256_cmp_ps(a.r, b.r, _CMP_EQ_OQ)}; }
 inline V unord(V a, V b) { return {_mm256_cmp_ps(a.r, b.r, _CMP_UNORD_Q)}; }
 inline bool any(V m) { return _mm256_movemask_ps(m.r) != 0; }
-inline V select(V mask, V a, V b) { return {_mm256_blendv_ps(b.r, a.r, mask.r)}; }
+// mask ? a : b, for all-ones or all-zeros lanes. Without AVX2, GCC turns
+// blendv into a sign test it can only do lane by lane, so use plain logic.
+inline V select(V mask, V a, V b)
+{
+#if defined(__AVX2__)
+    return {_mm256_blendv_ps(b.r, a.r, mask.r)};
+#else
+    return {_mm256_or_ps(_mm256_and_ps(mask.r, a.r), _mm256_andnot_ps(mask.r, b.r))};
+#endif
+}
 
 inline V madd(V a, V b, V c)
 {
