@@ -19,6 +19,7 @@ public:
     // [not while processing] Zero-fills; width 0 means width == channels.
     void Resize(std::size_t channels, std::size_t frames, std::size_t width = 0);
 
+    // [any-thread] Reads only.
     std::size_t GetChannelCount() const noexcept { return m_shape.channels; }
     std::size_t GetChannelWidth() const noexcept { return m_shape.width; }
     std::size_t GetFrameCount() const noexcept { return m_shape.frames; }
@@ -51,6 +52,7 @@ public:
     // [audio-thread] Zeroes every sample.
     void Clear() noexcept;
 
+    // [any-thread] Reads only, like the accessors below.
     std::size_t GetChannelCount() const noexcept { return m_channels.size(); }
     // Length of the first channel (all are equal unless a caller resized one).
     std::size_t GetLength() const noexcept;
@@ -65,7 +67,7 @@ public:
     sample_vector& GetMono() noexcept;
     const sample_vector& GetMono() const noexcept;
 
-    // Copies every channel of `in`; asserts equal channel counts and copies the
+    // [audio-thread] when the lengths already match. Copies every channel of `in`; asserts equal channel counts and copies the
     // channels both have. Allocates only when a channel must grow.
     void CopyFrom(const buffer& in);
 
@@ -74,14 +76,14 @@ public:
     // otherwise copies the channels both have. [not while processing] unless the
     // buffer already has that shape.
     void FromInterleaved(const interleaved_buffer& in, std::size_t channel_count);
-    // Interleaves into `out`, resizing it to this buffer's channels and length.
+    // [not while processing] unless `out` already has the shape. Interleaves into `out`, resizing it to this buffer's channels and length.
     void ToInterleaved(interleaved_buffer& out) const;
 
     // [audio-thread] Removes the first n samples of every channel, keeping the
     // rest in order; n beyond the length empties the channels.
     void DropFront(std::size_t n) noexcept;
 
-    // Views. Both fail (false, empty view) when there is no channel or the
+    // [audio-thread] Views. Both fail (false, empty view) when there is no channel or the
     // range passes the channel length; a pointer view needs offset < length.
     // They do not allocate when `out` already has room for every channel.
     bool GetPointers(std::size_t offset, buffer_view& out) noexcept;

@@ -4,6 +4,7 @@
 #include "Algorithms/FindMinMax.h"
 #include "Algorithms/Func.h"
 #include "Algorithms/Interleave.h"
+#include "Algorithms/KernelReport.h"
 #include "Algorithms/Polar2Rect.h"
 #include "Algorithms/Rect2Polar.h"
 #include "Algorithms/Vec.h"
@@ -54,6 +55,19 @@ Expected expected(std::int32_t level, bool fma)
     return e;
 }
 
+template <class Base>
+void expectFactoryPicks(std::span<const KernelVariant<Base>> list, void (*create)(std::unique_ptr<Base>&))
+{
+    const auto* v = FirstChosen<Base>(list);
+    ASSERT_NE(v, nullptr);
+    if (!MachineRuns(v->needs))
+        return;
+    std::unique_ptr<Base> p;
+    create(p);
+    ASSERT_NE(p, nullptr);
+    EXPECT_STREQ(p->Name(), v->name);
+}
+
 TEST(Dispatch, EachForcedLevelPicksTheVariantOfTheTable)
 {
     ScopedCpuFeatures restore;
@@ -68,6 +82,13 @@ TEST(Dispatch, EachForcedLevelPicksTheVariantOfTheTable)
             EXPECT_EQ(choice(Rect2PolarVariants()), std::string("Rect2Polar") + e.polar);
             EXPECT_EQ(choice(Polar2RectVariants()), std::string("Polar2Rect") + e.polar);
             EXPECT_EQ(choice(CSquareMagnitudeVariants()), e.csm);
+            // The factories themselves, where this machine can run their pick.
+            expectFactoryPicks<Func>(FuncVariants(), &CreateFunc);
+            expectFactoryPicks<Blas1>(Blas1Variants(), &CreateBlas1);
+            expectFactoryPicks<Vec>(VecVariants(), &CreateVec);
+            expectFactoryPicks<Rect2Polar>(Rect2PolarVariants(), &CreateRect2Polar);
+            expectFactoryPicks<Polar2Rect>(Polar2RectVariants(), &CreatePolar2Rect);
+            expectFactoryPicks<CSquareMagnitude>(CSquareMagnitudeVariants(), &CreateCSquareMagnitude);
 
             const bool sse2 = level >= kIsaSSE2;
             const bool avx = level >= kIsaAVX;
@@ -212,6 +233,28 @@ TEST(Dispatch, EveryListedVariantReportsItsOwnName)
                 EXPECT_STREQ(std::unique_ptr<FindMinMax>(v.create(c))->Name(), v.name) << c;
             }
     }
+}
+
+TEST(Dispatch, ReportFollowsTheForcedLevel)
+{
+    ScopedCpuFeatures restore;
+    auto find = [](const std::vector<KernelChoice>& r, const std::string& family) {
+        for (const auto& k : r)
+            if (k.family == family)
+                return k.variant;
+        return std::string("(missing)");
+    };
+    ScopedCpuFeatures::Force(kIsaNone, false);
+    const auto none = ChosenKernels();
+    EXPECT_EQ(find(none, "Func"), "Func_ref");
+    EXPECT_EQ(find(none, "FindMinMax(2 channels)"), "FindMinMax_ref");
+    EXPECT_EQ(find(none, "Interleave(2 channels, 24-bit)"), "Interleave_ref");
+    ScopedCpuFeatures::Force(kIsaAVX2, true);
+    const auto all = ChosenKernels();
+    EXPECT_EQ(find(all, "Func"), "Func_m256_avx2");
+    EXPECT_EQ(find(all, "BiquadBand(8 bands)"), "BiquadBand8_m128");
+    EXPECT_EQ(find(all, "Deinterleave(2 channels, 16-bit)"), "Deinterleave_i16_c2_m256_avx2");
+    EXPECT_EQ(all.size(), none.size());
 }
 
 } // namespace

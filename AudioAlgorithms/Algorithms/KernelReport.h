@@ -1,0 +1,19 @@
+#pragma once
+// Which kernel variants the factories pick right now, for a host's version or
+// info output.
+
+#include <string>
+#include <vector>
+
+namespace twa::numeric {
+
+struct KernelChoice {
+    std::string family; // with the arguments it was asked for, e.g. "FindMinMax(2 channels)"
+    std::string variant;
+};
+
+// [control-thread] Asks every factory's table under the current instruction-set
+// answers (probe or override); builds nothing.
+std::vector<KernelChoice> ChosenKernels();
+
+} // namespace twa::numeric
