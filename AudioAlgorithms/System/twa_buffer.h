@@ -67,8 +67,9 @@ public:
     sample_vector& GetMono() noexcept;
     const sample_vector& GetMono() const noexcept;
 
-    // [audio-thread] when the lengths already match. Copies every channel of `in`; asserts equal channel counts and copies the
-    // channels both have. Allocates only when a channel must grow.
+    // [audio-thread] when the lengths already match (it allocates only when a
+    // channel must grow). Copies every channel of `in`; asserts equal channel
+    // counts and copies the channels both have.
     void CopyFrom(const buffer& in);
 
     // Deinterleaves `in` into `channel_count` channels of in.GetFrameCount()
@@ -76,16 +77,18 @@ public:
     // otherwise copies the channels both have. [not while processing] unless the
     // buffer already has that shape.
     void FromInterleaved(const interleaved_buffer& in, std::size_t channel_count);
-    // [not while processing] unless `out` already has the shape. Interleaves into `out`, resizing it to this buffer's channels and length.
+    // [not while processing] unless `out` already has the shape. Interleaves
+    // into `out`, resizing it to this buffer's channels and length.
     void ToInterleaved(interleaved_buffer& out) const;
 
     // [audio-thread] Removes the first n samples of every channel, keeping the
     // rest in order; n beyond the length empties the channels.
     void DropFront(std::size_t n) noexcept;
 
-    // [audio-thread] Views. Both fail (false, empty view) when there is no channel or the
-    // range passes the channel length; a pointer view needs offset < length.
-    // They do not allocate when `out` already has room for every channel.
+    // [audio-thread] Views. Both fail (false, empty view) when there is no
+    // channel or the range passes the channel length; a pointer view needs
+    // offset < length. They do not allocate when `out` already has room for
+    // every channel.
     bool GetPointers(std::size_t offset, buffer_view& out) noexcept;
     bool GetView(std::size_t offset, std::size_t length, buffer_view& out) noexcept;
 
