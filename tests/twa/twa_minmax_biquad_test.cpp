@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <numbers>
@@ -59,6 +60,31 @@ TEST(FindMinMax, EveryLayoutMatchesTheReference)
                 ASSERT_TRUE(ref->Process(in.data(), frames, want.data(), false));
                 for (std::size_t k = 0; k < 2 * c; ++k)
                     ASSERT_EQ(got[k], want[k]) << v->Name() << " update c=" << c << " frames=" << frames;
+            }
+        }
+    }
+}
+
+TEST(FindMinMax, ReferenceAcceptsMisalignedInput)
+{
+    for (std::size_t c : {1, 3}) {
+        std::unique_ptr<FindMinMax> ref(NewFindMinMax_ref(c));
+        for (std::size_t frames : kernelCounts()) {
+            if (frames == 0)
+                continue;
+            const auto a = test::uniform(frames * c, -1.0f, 1.0f, 3 + static_cast<unsigned>(frames));
+            Guarded in(frames * c, 1), mm(2 * c, 3);
+            in.fill(a);
+            ASSERT_TRUE(ref->Process(in.data(), frames, mm.data(), true));
+            ASSERT_TRUE(mm.guardsIntact());
+            for (std::size_t ch = 0; ch < c; ++ch) {
+                float lo = a[ch], hi = a[ch];
+                for (std::size_t k = 0; k < frames; ++k) {
+                    lo = std::min(lo, a[k * c + ch]);
+                    hi = std::max(hi, a[k * c + ch]);
+                }
+                ASSERT_EQ(mm[2 * ch], lo);
+                ASSERT_EQ(mm[2 * ch + 1], hi);
             }
         }
     }
