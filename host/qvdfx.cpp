@@ -1,13 +1,11 @@
-// qvdfx: runs audio through the plugin library as a host does.
-#include <sndfile.h>
+// qvdfx: runs audio files through the plugin library as a host does.
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <numbers>
@@ -15,130 +13,142 @@
 #include <string>
 #include <vector>
 
+#include "AudioFile.h"
+#include "Options.h"
+#include "PluginChain.h"
 #include "PluginLibrary.h"
+#include "Progress.h"
+#include "SignalGenerator.h"
+
+using namespace qvdfx;
 
 namespace {
-
-enum ExitCode { kOk = 0, kUsage = 2, kLoad = 3, kPlugin = 4, kIo = 5, kProcess = 6 };
 
 const char* kHelp =
     "usage: qvdfx [--library PATH] COMMAND [ARGS]\n"
     "\n"
+    "Runs audio through the plugins of libQVDAudioPlugins.so, loaded the way a\n"
+    "host loads it (by default from the folder qvdfx is in).\n"
+    "\n"
     "commands:\n"
-    "  list [--kind audio|control|all] [--json]   plugins in registry order\n"
-    "  params PLUGIN [--json]                     parameter definitions of a plugin\n"
-    "  demo [OUT.wav]                             process a built-in test signal through\n"
-    "                                             a chain of plugins, print meters and speed\n"
+    "  list [--kind audio|control|all] [--json]\n"
+    "      registered plugins in registry order: key, name, channels, flags\n"
+    "  params PLUGIN [--json]\n"
+    "      parameter definitions: index, identifier, label, kind, scale, range,\n"
+    "      default, step, unit and option labels\n"
+    "  process IN OUT -p PLUGIN [--set NAME=VALUE ...] [-p PLUGIN [--set ...]] ...\n"
+    "          [--block N] [--smoothing on|off] [--bypass] [--meters FILE.json]\n"
+    "          [--tail SECONDS] [--format float|pcm16|pcm24] [--force] [--quiet]\n"
+    "      runs IN through the chain block by block and writes OUT at IN's rate\n"
+    "      and channel count, latency-compensated: OUT lines up with IN sample for\n"
+    "      sample and is as long (plus --tail). NAME is a full identifier\n"
+    "      (QVDGain::GAIN), the part after the colons (GAIN) or an index; VALUE is\n"
+    "      a number in the parameter's units or an option label. Values outside a\n"
+    "      parameter's range are refused unless --force. Defaults: --block 512,\n"
+    "      --smoothing on (off makes every setting exact from the first sample;\n"
+    "      settings made before processing are exact either way), --format float.\n"
+    "      --meters writes every meter of every plugin, peak-held over the file, in dB.\n"
+    "  gen OUT --signal sine|sweep|noise|pink|impulse|silence [--freq F] [--level DBFS]\n"
+    "          [--seconds S] [--rate R] [--channels C] [--seed N] [--format ...]\n"
+    "      deterministic test signals. --level is the peak for sine, sweep and\n"
+    "      impulse and the RMS for noise and pink. Defaults: 1000 Hz, -12 dBFS, 1 s,\n"
+    "      48000 Hz, 2 channels, seed 1. A sweep runs from --freq to 0.45 x rate.\n"
+    "  demo [OUT]\n"
+    "      processes a built-in test signal through a chain of the plugins, prints\n"
+    "      the meters and the real-time factor, and writes OUT if given\n"
+    "  bench [PLUGIN ...] [--channels C] [--block N] [--seconds S] [--json]\n"
+    "      per plugin at default settings: the median over 5 runs of nanoseconds\n"
+    "      per frame and the real-time factor (audio seconds per CPU second) on\n"
+    "      generated audio at 48 kHz. Defaults: every plugin, 2 channels, 512, 2 s.\n"
     "\n"
-    "PLUGIN is a full key (\"Gain:1364608878\") or an unambiguous display name.\n"
-    "--library PATH loads the plugin library from PATH instead of next to qvdfx.\n"
+    "options:\n"
+    "  --library PATH   load the plugin library from PATH\n"
+    "  --quiet          no progress bar (it only shows on a terminal anyway)\n"
+    "  QVDFX_LOG_LEVEL  environment: plugins' debug log level (0 to 3) to stderr\n"
     "\n"
-    "exit codes: 0 success, 2 bad usage, 3 library not loadable, 4 unknown or\n"
-    "ambiguous plugin, 5 file error, 6 processing error\n";
+    "exit codes:\n"
+    "  0 success; 2 bad command line; 3 plugin library not loadable or\n"
+    "  incompatible; 4 unknown or ambiguous plugin or parameter, or a value out of\n"
+    "  range; 5 input unreadable or output unwritable; 6 a plugin refused the\n"
+    "  configuration or failed while processing. Output files are written whole\n"
+    "  or not at all.\n";
 
-struct Plugin {
-    qvd::PluginInstance* instance = nullptr;
-    AudioPlugin* audio = nullptr;
-    ~Plugin()
+constexpr int kMaxChannels = 64;
+
+// Planar buffers sized once; every block reuses them.
+struct Buffers {
+    Buffers(int channels, int frames)
+        : interleaved(static_cast<std::size_t>(channels) * static_cast<std::size_t>(frames)),
+          planar(static_cast<std::size_t>(channels), std::vector<float>(static_cast<std::size_t>(frames)))
     {
-        if (instance)
-            instance->destroy();
+        for (auto& ch : planar)
+            pointers.push_back(ch.data());
     }
+    void deinterleave(std::int64_t frames)
+    {
+        const std::size_t c = planar.size();
+        for (std::size_t n = 0; n < static_cast<std::size_t>(frames); ++n)
+            for (std::size_t k = 0; k < c; ++k)
+                planar[k][n] = interleaved[n * c + k];
+    }
+    void interleave(std::int64_t from, std::int64_t frames)
+    {
+        const std::size_t c = planar.size();
+        for (std::size_t n = 0; n < static_cast<std::size_t>(frames); ++n)
+            for (std::size_t k = 0; k < c; ++k)
+                interleaved[n * c + k] = planar[k][static_cast<std::size_t>(from) + n];
+    }
+    std::vector<float> interleaved;
+    std::vector<std::vector<float>> planar;
+    std::vector<float*> pointers;
 };
 
-std::string jsonEscape(const std::string& s)
-{
-    std::string out;
-    for (const char c : s) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        default:
-            if (static_cast<unsigned char>(c) < 0x20) {
-                char buffer[8];
-                std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
-                out += buffer;
-            } else {
-                out += c;
-            }
-        }
-    }
-    return out;
-}
+// ---- list ----
 
-// Resolves a key or an unambiguous display name; prints the error itself.
-bool resolvePlugin(qvd::PluginInterface& registry, const std::string& name, std::string& key)
-{
-    const auto plugins = registry.listPlugins(qvd::kAudioPlugin);
-    if (plugins.count(name)) {
-        key = name;
-        return true;
-    }
-    std::vector<std::string> candidates;
-    for (const auto& [k, info] : plugins) {
-        if (info.name == name)
-            candidates.push_back(k);
-    }
-    if (candidates.size() == 1) {
-        key = candidates.front();
-        return true;
-    }
-    if (candidates.empty()) {
-        std::fprintf(stderr, "qvdfx: unknown plugin '%s' (see 'qvdfx list')\n", name.c_str());
-    } else {
-        std::string list;
-        for (const auto& c : candidates)
-            list += (list.empty() ? "" : ", ") + c;
-        std::fprintf(stderr, "qvdfx: plugin name '%s' is ambiguous: %s\n", name.c_str(), list.c_str());
-    }
-    return false;
-}
-
-int commandList(qvd::PluginInterface& registry, const std::vector<std::string>& args)
+int commandList(qvd::PluginInterface& registry, Arguments args)
 {
     bool json = false;
     std::string kind = "audio";
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--json") {
+    while (!args.done()) {
+        const std::string a = args.take();
+        if (a == "--json")
             json = true;
-        } else if (args[i] == "--kind" && i + 1 < args.size()) {
-            kind = args[++i];
-        } else {
-            std::fprintf(stderr, "qvdfx list: unexpected argument '%s'\n", args[i].c_str());
-            return kUsage;
-        }
+        else if (a == "--kind")
+            kind = args.value(a);
+        else
+            args.unexpected(a);
     }
-    if (kind != "audio" && kind != "control" && kind != "all") {
-        std::fprintf(stderr, "qvdfx list: --kind must be audio, control or all, not '%s'\n", kind.c_str());
-        return kUsage;
-    }
+    if (kind != "audio" && kind != "control" && kind != "all")
+        fail(kExitUsage, "list: --kind must be audio, control or all, not '" + kind + "'");
     std::vector<std::pair<const char*, std::map<std::string, qvd::PluginInfo>>> groups;
     if (kind != "control")
         groups.emplace_back("audio", registry.listPlugins(qvd::kAudioPlugin));
     if (kind != "audio")
         groups.emplace_back("control", registry.listPlugins(qvd::kControlPlugin));
     if (json) {
-        std::printf("[");
+        std::string out = "{\"plugins\": [";
         bool first = true;
         for (const auto& [k, plugins] : groups) {
             for (const auto& [key, info] : plugins) {
-                std::printf("%s\n  {\"kind\": \"%s\", \"key\": \"%s\", \"name\": \"%s\", \"channels\": %d, \"flags\": %d}",
-                            first ? "" : ",", k, jsonEscape(key).c_str(), jsonEscape(info.name).c_str(),
-                            info.channels, info.flags);
+                out += std::string(first ? "" : ",") + "\n  {\"kind\": \"" + k + "\", \"key\": \"" + jsonEscape(key) +
+                       "\", \"name\": \"" + jsonEscape(info.name) + "\", \"channels\": " +
+                       std::to_string(info.channels) + ", \"flags\": " + std::to_string(info.flags) + "}";
                 first = false;
             }
         }
-        std::printf("\n]\n");
-        return kOk;
+        out += "\n]}\n";
+        std::fputs(out.c_str(), stdout);
+        return kExitOk;
     }
     for (const auto& [k, plugins] : groups) {
         for (const auto& [key, info] : plugins)
             std::printf("%-8s %-34s %-26s %3d ch  flags %d\n", k, key.c_str(), info.name.c_str(), info.channels,
                         info.flags);
     }
-    return kOk;
+    return kExitOk;
 }
+
+// ---- params ----
 
 const char* kindName(std::int32_t kind)
 {
@@ -160,36 +170,29 @@ const char* scaleName(std::int32_t scale)
     }
 }
 
-int commandParams(qvd::PluginInterface& registry, const std::vector<std::string>& args)
+int commandParams(qvd::PluginInterface& registry, Arguments args)
 {
     std::string name;
     bool json = false;
-    for (const auto& a : args) {
+    while (!args.done()) {
+        const std::string a = args.take();
         if (a == "--json")
             json = true;
-        else if (name.empty())
+        else if (name.empty() && a.rfind("--", 0) != 0)
             name = a;
-        else {
-            std::fprintf(stderr, "qvdfx params: unexpected argument '%s'\n", a.c_str());
-            return kUsage;
-        }
+        else
+            args.unexpected(a);
     }
-    if (name.empty()) {
-        std::fprintf(stderr, "qvdfx params: name a plugin\n");
-        return kUsage;
-    }
-    std::string key;
-    if (!resolvePlugin(registry, name, key))
-        return kPlugin;
-    Plugin plugin;
-    plugin.instance = registry.createPlugin(qvd::kAudioPlugin, key.c_str());
-    if (!plugin.instance) {
-        std::fprintf(stderr, "qvdfx: cannot create '%s'\n", key.c_str());
-        return kPlugin;
-    }
+    if (name.empty())
+        fail(kExitUsage, "params: name a plugin (see 'qvdfx list')");
+    const std::string key = resolvePluginKey(registry, name);
+    PluginHandle plugin(registry.createPlugin(qvd::kAudioPlugin, key.c_str()));
+    if (!plugin.instance)
+        fail(kExitPlugin, "cannot create plugin '" + key + "'");
     const std::int32_t count = plugin.instance->parameterCount();
+    std::string out;
     if (json)
-        std::printf("{\"key\": \"%s\", \"parameters\": [", jsonEscape(key).c_str());
+        out = "{\"key\": \"" + jsonEscape(key) + "\", \"parameters\": [";
     for (std::int32_t i = 0; i < count; ++i) {
         qvd::ParameterInfo p;
         plugin.instance->parameterInfo(i, &p);
@@ -197,39 +200,212 @@ int commandParams(qvd::PluginInterface& registry, const std::vector<std::string>
             std::string options;
             for (const auto& o : p.options)
                 options += (options.empty() ? "\"" : ", \"") + jsonEscape(o) + "\"";
-            std::printf("%s\n  {\"index\": %d, \"identifier\": \"%s\", \"label\": \"%s\", \"kind\": \"%s\", "
-                        "\"scale\": \"%s\", \"min\": %.9g, \"max\": %.9g, \"default\": %.9g, \"step\": %.9g, "
-                        "\"unit\": \"%s\", \"options\": [%s]}",
-                        i ? "," : "", p.index, jsonEscape(p.identifier).c_str(), jsonEscape(p.label).c_str(),
-                        kindName(p.kind), scaleName(p.scale), p.minimum, p.maximum, p.defaultValue, p.step,
-                        jsonEscape(p.unit).c_str(), options.c_str());
+            out += std::string(i ? "," : "") + "\n  {\"index\": " + std::to_string(p.index) + ", \"identifier\": \"" +
+                   jsonEscape(p.identifier) + "\", \"label\": \"" + jsonEscape(p.label) + "\", \"kind\": \"" +
+                   kindName(p.kind) + "\", \"scale\": \"" + scaleName(p.scale) + "\", \"min\": " +
+                   jsonNumber(p.minimum) + ", \"max\": " + jsonNumber(p.maximum) + ", \"default\": " +
+                   jsonNumber(p.defaultValue) + ", \"step\": " + jsonNumber(p.step) + ", \"unit\": \"" +
+                   jsonEscape(p.unit) + "\", \"options\": [" + options + "]}";
         } else {
-            std::printf("%3d  %-28s %-12s %-10s %-6s %10g %10g  default %g  step %g %s\n", p.index,
-                        p.identifier.c_str(), p.label.c_str(), kindName(p.kind), scaleName(p.scale), p.minimum,
-                        p.maximum, p.defaultValue, p.step, p.unit.c_str());
+            char line[512];
+            std::snprintf(line, sizeof line, "%3d  %-30s %-14s %-10s %-6s %10g .. %-10g default %-8g step %-6g %s\n",
+                          p.index, p.identifier.c_str(), p.label.c_str(), kindName(p.kind), scaleName(p.scale),
+                          p.minimum, p.maximum, p.defaultValue, p.step, p.unit.c_str());
+            out += line;
             if (!p.options.empty()) {
-                std::string options;
+                out += "     options:";
                 for (std::size_t o = 0; o < p.options.size(); ++o)
-                    options += (o ? ", " : "") + std::to_string(o) + " " + p.options[o];
-                std::printf("     options: %s\n", options.c_str());
+                    out += (o ? ", " : " ") + std::to_string(o) + " " + p.options[o];
+                out += "\n";
             }
         }
     }
     if (json)
-        std::printf("\n]}\n");
-    return kOk;
+        out += "\n]}\n";
+    std::fputs(out.c_str(), stdout);
+    return kExitOk;
 }
 
-// A few bars of a plucked A-major arpeggio over a soft noise bed, stereo.
-std::vector<std::vector<float>> demoSignal(int rate, double seconds)
+// ---- process ----
+
+bool parseOnOff(const std::string& text, const std::string& what)
 {
-    const std::size_t frames = static_cast<std::size_t>(rate * seconds);
-    std::vector<std::vector<float>> out(2, std::vector<float>(frames, 0.0f));
+    if (text == "on")
+        return true;
+    if (text == "off")
+        return false;
+    fail(kExitUsage, what + " must be on or off, not '" + text + "'");
+}
+
+int commandProcess(qvd::PluginInterface& registry, Arguments args)
+{
+    std::vector<std::string> files;
+    std::vector<StepSpec> steps;
+    int blockSize = 512;
+    bool smoothing = true, bypass = false, force = false, quiet = false;
+    double tail = 0.0;
+    std::string metersPath;
+    SampleFormat format = SampleFormat::Float;
+    while (!args.done()) {
+        const std::string a = args.take();
+        if (a == "-p" || a == "--plugin") {
+            steps.push_back(StepSpec{args.value(a), {}});
+        } else if (a == "--set") {
+            const std::string setting = args.value(a);
+            if (steps.empty())
+                fail(kExitUsage, "process: --set " + setting + " comes before any -p PLUGIN");
+            const auto eq = setting.find('=');
+            if (eq == std::string::npos || eq == 0)
+                fail(kExitUsage, "process: --set takes NAME=VALUE, not '" + setting + "'");
+            steps.back().settings.emplace_back(setting.substr(0, eq), setting.substr(eq + 1));
+        } else if (a == "--block") {
+            blockSize = static_cast<int>(parseInteger(args.value(a), 1, AudioPlugin::kMaxBlockSize, "--block"));
+        } else if (a == "--smoothing") {
+            smoothing = parseOnOff(args.value(a), "--smoothing");
+        } else if (a == "--bypass") {
+            bypass = true;
+        } else if (a == "--meters") {
+            metersPath = args.value(a);
+        } else if (a == "--tail") {
+            tail = parseReal(args.value(a), 0.0, 3600.0, "--tail");
+        } else if (a == "--format") {
+            format = parseSampleFormat(args.value(a));
+        } else if (a == "--force") {
+            force = true;
+        } else if (a == "--quiet" || a == "-q") {
+            quiet = true;
+        } else if (a.rfind("-", 0) == 0 && a.size() > 1) {
+            args.unexpected(a);
+        } else {
+            files.push_back(a);
+        }
+    }
+    if (files.size() != 2)
+        fail(kExitUsage, "process: give an input and an output file (qvdfx process IN OUT -p PLUGIN ...)");
+    if (steps.empty())
+        fail(kExitUsage, "process: name at least one plugin with -p PLUGIN");
+    const std::string& inPath = files[0];
+    const std::string& outPath = files[1];
+
+    AudioReader reader(inPath);
+    checkDistinct(inPath, outPath);
+    const int channels = reader.channels();
+    const int rate = reader.rate();
+    PluginChain chain(registry, steps, force);
+    chain.prepare(rate, channels, blockSize, smoothing, bypass);
+
+    const auto latency = static_cast<std::int64_t>(chain.latency());
+    const auto tailFrames = static_cast<std::int64_t>(std::llround(tail * rate));
+    const std::int64_t inFrames = reader.frames();
+    const std::int64_t outFrames = inFrames + tailFrames;
+    AudioWriter writer(outPath, rate, channels, format);
+    Buffers buffers(channels, blockSize);
+    Progress progress("processing", outFrames + latency, quiet);
+
+    // Run until the output is complete: input first, then silence for the
+    // latency and the tail. The first `latency` frames out are dropped.
+    std::int64_t fed = 0, skipped = 0, written = 0;
+    while (written < outFrames) {
+        std::int64_t n = 0;
+        if (fed < inFrames) {
+            n = reader.read(buffers.interleaved.data(), std::min<std::int64_t>(blockSize, inFrames - fed));
+            if (n == 0) // the header promised more than the file holds
+                fail(kExitFile, "'" + inPath + "' ends after " + std::to_string(fed) + " of " +
+                                    std::to_string(inFrames) + " frames");
+            buffers.deinterleave(n);
+        } else {
+            n = std::min<std::int64_t>(blockSize, outFrames + latency - fed);
+            for (auto& ch : buffers.planar)
+                std::fill(ch.begin(), ch.begin() + n, 0.0f);
+        }
+        chain.process(buffers.pointers.data(), static_cast<std::int32_t>(n));
+        fed += n;
+        const std::int64_t drop = std::min(n, latency - skipped);
+        skipped += drop;
+        const std::int64_t keep = std::min(n - drop, outFrames - written);
+        if (keep > 0) {
+            buffers.interleave(drop, keep);
+            writer.write(buffers.interleaved.data(), keep);
+            written += keep;
+        }
+        progress.update(fed);
+    }
+    progress.finish();
+    if (!metersPath.empty())
+        writeTextFile(metersPath, chain.metersJson());
+    writer.commit();
+    if (!quiet)
+        std::fprintf(stderr, "wrote %s: %lld frames, %d channels, %d Hz (latency %lld frames compensated)\n",
+                     outPath.c_str(), static_cast<long long>(written), channels, rate,
+                     static_cast<long long>(latency));
+    return kExitOk;
+}
+
+// ---- gen ----
+
+int commandGen(Arguments args)
+{
+    std::string out;
+    SignalSpec spec;
+    bool haveSignal = false;
+    double seconds = 1.0;
+    SampleFormat format = SampleFormat::Float;
+    while (!args.done()) {
+        const std::string a = args.take();
+        if (a == "--signal") {
+            spec.kind = parseSignalKind(args.value(a));
+            haveSignal = true;
+        } else if (a == "--freq") {
+            spec.frequency = parseReal(args.value(a), 0.001, 1e6, "--freq");
+        } else if (a == "--level") {
+            spec.levelDb = parseReal(args.value(a), -200.0, 40.0, "--level");
+        } else if (a == "--seconds") {
+            seconds = parseReal(args.value(a), 0.0, 86400.0, "--seconds");
+        } else if (a == "--rate") {
+            spec.rate = static_cast<int>(parseInteger(args.value(a), 1, 1536000, "--rate"));
+        } else if (a == "--channels") {
+            spec.channels = static_cast<int>(parseInteger(args.value(a), 1, kMaxChannels, "--channels"));
+        } else if (a == "--seed") {
+            spec.seed = static_cast<std::uint32_t>(parseInteger(args.value(a), 0, 4294967295LL, "--seed"));
+        } else if (a == "--format") {
+            format = parseSampleFormat(args.value(a));
+        } else if (out.empty() && a.rfind("-", 0) != 0) {
+            out = a;
+        } else {
+            args.unexpected(a);
+        }
+    }
+    if (out.empty())
+        fail(kExitUsage, "gen: give an output file");
+    if (!haveSignal)
+        fail(kExitUsage, "gen: choose a signal with --signal sine|sweep|noise|pink|impulse|silence");
+    if (spec.frequency >= spec.rate / 2.0 && (spec.kind == SignalKind::Sine || spec.kind == SignalKind::Sweep))
+        fail(kExitUsage, "gen: --freq must be below half the rate (" + std::to_string(spec.rate / 2) + " Hz)");
+    const auto total = static_cast<std::int64_t>(std::llround(seconds * spec.rate));
+    SignalGenerator generator(spec, total);
+    AudioWriter writer(out, spec.rate, spec.channels, format);
+    const int block = 4096;
+    Buffers buffers(spec.channels, block);
+    for (std::int64_t done = 0; done < total; done += block) {
+        const auto n = static_cast<std::int32_t>(std::min<std::int64_t>(block, total - done));
+        generator.generate(buffers.pointers.data(), n);
+        buffers.interleave(0, n);
+        writer.write(buffers.interleaved.data(), n);
+    }
+    writer.commit();
+    return kExitOk;
+}
+
+// ---- demo ----
+
+// A few bars of a plucked A-major arpeggio over a soft noise bed, stereo.
+void demoSignal(std::vector<std::vector<float>>& out, int rate)
+{
     const double notes[] = {220.0, 277.18, 329.63, 440.0, 329.63, 277.18};
     const double noteLength = 0.25;
     std::mt19937 rng(20261121);
     std::normal_distribution<float> noise(0.0f, 0.004f);
-    for (std::size_t n = 0; n < frames; ++n) {
+    for (std::size_t n = 0; n < out[0].size(); ++n) {
         const double t = static_cast<double>(n) / rate;
         const auto index = static_cast<std::size_t>(t / noteLength);
         const double local = t - static_cast<double>(index) * noteLength;
@@ -243,168 +419,238 @@ std::vector<std::vector<float>> demoSignal(int rate, double seconds)
         out[0][n] = static_cast<float>(v * (1.0 - pan)) + noise(rng);
         out[1][n] = static_cast<float>(v * pan) + noise(rng);
     }
-    return out;
 }
 
-bool writeWav(const std::string& path, const std::vector<std::vector<float>>& channels, int rate)
+int commandDemo(qvd::PluginInterface& registry, Arguments args)
 {
-    const std::string tmp = path + ".part";
-    SF_INFO info{};
-    info.samplerate = rate;
-    info.channels = static_cast<int>(channels.size());
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    SNDFILE* file = sf_open(tmp.c_str(), SFM_WRITE, &info);
-    if (!file) {
-        std::fprintf(stderr, "qvdfx: cannot write '%s': %s\n", path.c_str(), sf_strerror(nullptr));
-        return false;
-    }
-    const std::size_t frames = channels.empty() ? 0 : channels[0].size();
-    std::vector<float> interleaved(frames * channels.size());
-    for (std::size_t n = 0; n < frames; ++n) {
-        for (std::size_t c = 0; c < channels.size(); ++c)
-            interleaved[n * channels.size() + c] = channels[c][n];
-    }
-    const sf_count_t written = sf_writef_float(file, interleaved.data(), static_cast<sf_count_t>(frames));
-    const bool ok = written == static_cast<sf_count_t>(frames) && sf_close(file) == 0;
-    std::error_code ec;
-    if (!ok || (std::filesystem::rename(tmp, path, ec), ec)) {
-        std::filesystem::remove(tmp, ec);
-        std::fprintf(stderr, "qvdfx: cannot write '%s'\n", path.c_str());
-        return false;
-    }
-    return true;
-}
-
-struct DemoStep {
-    const char* key;
-    std::vector<std::pair<const char*, float>> settings;
-};
-
-int commandDemo(qvd::PluginInterface& registry, const std::vector<std::string>& args)
-{
-    if (args.size() > 1) {
-        std::fprintf(stderr, "qvdfx demo: at most one output file\n");
-        return kUsage;
+    std::string out;
+    while (!args.done()) {
+        const std::string a = args.take();
+        if (out.empty() && a.rfind("-", 0) != 0)
+            out = a;
+        else
+            args.unexpected(a);
     }
     const int rate = 48000;
     const int blockSize = 512;
     const double seconds = 6.0;
-    auto audio = demoSignal(rate, seconds);
-    const auto frames = static_cast<std::int32_t>(audio[0].size());
+    std::vector<std::vector<float>> audio(2, std::vector<float>(static_cast<std::size_t>(rate * seconds)));
+    demoSignal(audio, rate);
+    const auto frames = static_cast<std::int64_t>(audio[0].size());
 
     // The chain grows as plugins land; steps whose plugin is missing are skipped.
-    const std::vector<DemoStep> chain = {
-        {"Gain:1364608878", {{"QVDGain::GAIN", -6.0f}}},
-        {"Gain:1364608878", {{"QVDGain::GAIN", 4.5f}}},
+    const std::vector<StepSpec> wanted = {
+        {"Gain:1364608878", {{"QVDGain::GAIN", "-6"}}},
+        {"Gain:1364608878", {{"QVDGain::GAIN", "4.5"}}},
     };
+    const auto available = registry.listPlugins(qvd::kAudioPlugin);
+    std::vector<StepSpec> steps;
+    for (const StepSpec& s : wanted) {
+        if (available.count(s.plugin))
+            steps.push_back(s);
+    }
+    if (steps.empty())
+        fail(kExitPlugin, "demo: none of the demo's plugins is registered");
+    PluginChain chain(registry, steps, false);
+    chain.prepare(rate, 2, blockSize, true, false);
+    const auto latency = static_cast<std::int64_t>(chain.latency());
 
-    std::vector<std::unique_ptr<Plugin>> plugins;
-    const qvd::PrepareConfig config{qvd::kFormatStereo, qvd::kFormatStereo, 1, 1};
-    for (const DemoStep& step : chain) {
-        auto plugin = std::make_unique<Plugin>();
-        plugin->instance = registry.createPlugin(qvd::kAudioPlugin, step.key);
-        if (!plugin->instance)
-            continue;
-        plugin->audio = plugin->instance->getAudioInterface();
-        for (const auto& [id, value] : step.settings)
-            plugin->audio->setParameterByIdentifier(id, value);
-        plugins.push_back(std::move(plugin));
-    }
-    // Prepared after every setting is made: smoothing, which prepare switches
-    // on for the process, then only ramps the changes made while playing.
-    for (const auto& plugin : plugins) {
-        if (!plugin->audio->prepare(static_cast<float>(rate), blockSize, &config)) {
-            std::fprintf(stderr, "qvdfx demo: %s refused to prepare\n", plugin->instance->pluginKey());
-            return kProcess;
-        }
-    }
-    if (plugins.empty()) {
-        std::fprintf(stderr, "qvdfx demo: none of the demo's plugins is registered\n");
-        return kPlugin;
-    }
-
-    std::vector<std::vector<double>> held(plugins.size() * 2);
-    qvd::BlockRecord block{};
-    block.mode = qvd::kModePlaying;
+    std::vector<std::vector<float>> result(2, std::vector<float>(static_cast<std::size_t>(frames)));
+    Buffers buffers(2, blockSize);
     const auto start = std::chrono::steady_clock::now();
-    for (std::int32_t done = 0; done < frames; done += blockSize) {
-        const std::int32_t n = std::min(blockSize, frames - done);
+    std::int64_t written = 0;
+    for (std::int64_t fed = 0; written < frames;) {
+        const std::int64_t n = std::min<std::int64_t>(blockSize, frames + latency - fed);
+        for (std::size_t c = 0; c < 2; ++c) {
+            for (std::int64_t i = 0; i < n; ++i)
+                buffers.planar[c][static_cast<std::size_t>(i)] =
+                    fed + i < frames ? audio[c][static_cast<std::size_t>(fed + i)] : 0.0f;
+        }
         // Halfway through, the second stage rides its gain down, smoothed.
-        if (done <= frames / 2 && done + n > frames / 2 && plugins.size() > 1)
-            plugins[1]->audio->setParameterByIdentifier("QVDGain::GAIN", -3.0f);
-        float* io[2] = {audio[0].data() + done, audio[1].data() + done};
-        block.position = done;
-        for (std::size_t p = 0; p < plugins.size(); ++p) {
-            if (!plugins[p]->audio->process(&block, io, io, n)) {
-                std::fprintf(stderr, "qvdfx demo: processing failed in %s\n", plugins[p]->instance->pluginKey());
-                return kProcess;
-            }
-            for (std::int32_t g = 0; g < std::min(2, plugins[p]->instance->meterGroupCount()); ++g) {
-                double values[64];
-                const std::int32_t count = std::min(64, plugins[p]->instance->getMeterValues(g, values, 64));
-                auto& h = held[p * 2 + static_cast<std::size_t>(g)];
-                h.resize(static_cast<std::size_t>(count), -100.0);
-                for (std::int32_t i = 0; i < count; ++i)
-                    h[static_cast<std::size_t>(i)] = std::max(h[static_cast<std::size_t>(i)], values[i]);
+        if (fed <= frames / 2 && fed + n > frames / 2 && chain.size() > 1)
+            const_cast<qvd::PluginInstance&>(chain.plugin(1)).getAudioInterface()->setParameterByIdentifier(
+                "QVDGain::GAIN", -3.0f);
+        chain.process(buffers.pointers.data(), static_cast<std::int32_t>(n));
+        for (std::int64_t i = 0; i < n; ++i) {
+            const std::int64_t at = fed + i - latency;
+            if (at >= 0 && at < frames) {
+                for (std::size_t c = 0; c < 2; ++c)
+                    result[c][static_cast<std::size_t>(at)] = buffers.planar[c][static_cast<std::size_t>(i)];
+                ++written;
             }
         }
+        fed += n;
     }
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
     std::printf("demo: %.1f s of stereo audio at %d Hz in blocks of %d through %zu plugins\n", seconds, rate,
-                blockSize, plugins.size());
-    for (std::size_t p = 0; p < plugins.size(); ++p) {
-        std::printf("  %zu. %s\n", p + 1, plugins[p]->instance->pluginKey());
-        for (std::int32_t g = 0; g < std::min(2, plugins[p]->instance->meterGroupCount()); ++g) {
-            std::printf("     %-7s peak", plugins[p]->instance->meterGroupName(g));
-            for (const double v : held[p * 2 + static_cast<std::size_t>(g)])
-                std::printf(" %7.2f dB", v);
+                blockSize, chain.size());
+    for (std::size_t p = 0; p < chain.size(); ++p) {
+        const qvd::PluginInstance& plugin = chain.plugin(p);
+        std::printf("  %zu. %s\n", p + 1, plugin.pluginKey());
+        for (std::int32_t g = 0; g < plugin.meterGroupCount(); ++g) {
+            std::printf("     %-8s now", plugin.meterGroupName(g));
+            double values[kMaxChannels];
+            const std::int32_t n = std::min(kMaxChannels, plugin.getMeterValues(g, values, kMaxChannels));
+            for (std::int32_t i = 0; i < n; ++i)
+                std::printf(" %7.2f dB", values[i]);
             std::printf("\n");
         }
     }
-    std::printf("speed: %.3f ms of CPU for %.1f s of audio, real-time factor %.0fx\n", elapsed * 1e3, seconds,
+    std::printf("meters (peak held over the run):\n%s", chain.metersJson().c_str());
+    std::printf("speed: %.3f ms for %.1f s of audio, real-time factor %.0fx\n", elapsed * 1e3, seconds,
                 elapsed > 0.0 ? seconds / elapsed : 0.0);
-    if (!args.empty()) {
-        if (!writeWav(args[0], audio, rate))
-            return kIo;
-        std::printf("wrote %s\n", args[0].c_str());
+    if (!out.empty()) {
+        AudioWriter writer(out, rate, 2, SampleFormat::Float);
+        Buffers all(2, static_cast<int>(frames));
+        all.planar = result;
+        all.interleave(0, frames);
+        writer.write(all.interleaved.data(), frames);
+        writer.commit();
+        std::printf("wrote %s\n", out.c_str());
     }
-    return kOk;
+    return kExitOk;
+}
+
+// ---- bench ----
+
+double threadSeconds()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
+}
+
+int commandBench(qvd::PluginInterface& registry, Arguments args)
+{
+    std::vector<std::string> names;
+    int channels = 2, blockSize = 512;
+    double seconds = 2.0;
+    bool json = false;
+    while (!args.done()) {
+        const std::string a = args.take();
+        if (a == "--channels")
+            channels = static_cast<int>(parseInteger(args.value(a), 1, kMaxChannels, "--channels"));
+        else if (a == "--block")
+            blockSize = static_cast<int>(parseInteger(args.value(a), 1, AudioPlugin::kMaxBlockSize, "--block"));
+        else if (a == "--seconds")
+            seconds = parseReal(args.value(a), 0.01, 3600.0, "--seconds");
+        else if (a == "--json")
+            json = true;
+        else if (a.rfind("-", 0) != 0)
+            names.push_back(a);
+        else
+            args.unexpected(a);
+    }
+    std::vector<std::string> keys;
+    if (names.empty()) {
+        for (const auto& [key, info] : registry.listPlugins(qvd::kAudioPlugin))
+            keys.push_back(key);
+    } else {
+        for (const auto& n : names)
+            keys.push_back(resolvePluginKey(registry, n));
+    }
+    const int rate = 48000;
+    const int runs = 5;
+    std::string out = json ? "{\"rate\": 48000, \"block\": " + std::to_string(blockSize) + ", \"results\": [" : "";
+    if (!json)
+        std::printf("%-34s %4s %6s %12s %14s\n", "plugin", "ch", "block", "ns/frame", "real-time x");
+    bool first = true;
+    for (const std::string& key : keys) {
+        PluginHandle plugin(registry.createPlugin(qvd::kAudioPlugin, key.c_str()));
+        if (!plugin.instance)
+            fail(kExitPlugin, "cannot create plugin '" + key + "'");
+        const auto info = registry.listPlugins(qvd::kAudioPlugin).at(key);
+        const int ch = std::min(channels, info.channels);
+        const qvd::PrepareConfig config{qvd::formatForChannels(ch), qvd::formatForChannels(ch), 1, 0};
+        if (!plugin.audio()->prepare(static_cast<float>(rate), blockSize, &config))
+            fail(kExitProcess, "plugin '" + key + "' refused to prepare with " + std::to_string(ch) + " channels");
+        Buffers buffers(ch, blockSize);
+        std::mt19937 rng(7);
+        std::normal_distribution<float> noise(0.0f, 0.1f);
+        const auto blocks = static_cast<std::int64_t>(std::ceil(seconds * rate / blockSize));
+        std::vector<double> perFrame;
+        qvd::BlockRecord block{};
+        for (int r = 0; r < runs; ++r) {
+            double cpu = 0.0;
+            for (std::int64_t b = 0; b < blocks; ++b) {
+                for (auto& c : buffers.planar)
+                    for (auto& x : c)
+                        x = noise(rng);
+                const double t0 = threadSeconds();
+                plugin.audio()->process(&block, buffers.pointers.data(), buffers.pointers.data(), blockSize);
+                cpu += threadSeconds() - t0;
+            }
+            perFrame.push_back(cpu * 1e9 / static_cast<double>(blocks * blockSize));
+        }
+        std::sort(perFrame.begin(), perFrame.end());
+        const double median = perFrame[runs / 2];
+        const double realtime = median > 0.0 ? 1e9 / (median * rate) : 0.0;
+        if (json) {
+            out += std::string(first ? "" : ",") + "\n  {\"key\": \"" + jsonEscape(key) + "\", \"channels\": " +
+                   std::to_string(ch) + ", \"ns_per_frame\": " + jsonNumber(median) + ", \"realtime_factor\": " +
+                   jsonNumber(realtime) + "}";
+        } else {
+            std::printf("%-34s %4d %6d %12.1f %14.0f\n", key.c_str(), ch, blockSize, median, realtime);
+        }
+        first = false;
+    }
+    if (json) {
+        out += "\n]}\n";
+        std::fputs(out.c_str(), stdout);
+    }
+    return kExitOk;
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::vector<std::string> args(argv + 1, argv + argc);
-    std::string libraryPath = qvdfx::PluginLibrary::defaultPath();
-    if (args.size() >= 2 && args[0] == "--library") {
-        libraryPath = args[1];
-        args.erase(args.begin(), args.begin() + 2);
+    std::vector<std::string> words(argv + 1, argv + argc);
+    std::string libraryPath = PluginLibrary::defaultPath();
+    if (words.size() >= 2 && words[0] == "--library") {
+        libraryPath = words[1];
+        words.erase(words.begin(), words.begin() + 2);
     }
-    if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
-        std::fputs(kHelp, args.empty() ? stderr : stdout);
-        return args.empty() ? kUsage : kOk;
+    if (words.empty()) {
+        std::fputs(kHelp, stderr);
+        return kExitUsage;
     }
-    const std::string command = args[0];
-    args.erase(args.begin());
-    if (command != "list" && command != "params" && command != "demo") {
-        std::fprintf(stderr, "qvdfx: unknown command '%s' (see 'qvdfx --help')\n", command.c_str());
-        return kUsage;
+    if (words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
+        std::fputs(kHelp, stdout);
+        return kExitOk;
     }
+    const std::string command = words[0];
+    words.erase(words.begin());
+    try {
+        static const char* const kCommands[] = {"list", "params", "process", "gen", "demo", "bench"};
+        if (std::find(std::begin(kCommands), std::end(kCommands), command) == std::end(kCommands))
+            fail(kExitUsage, "unknown command '" + command + "' (see 'qvdfx --help')");
+        Arguments args(command, words);
+        if (command == "gen")
+            return commandGen(std::move(args));
 
-    qvdfx::PluginLibrary library(libraryPath);
-    if (!library.registry()) {
-        std::fprintf(stderr, "qvdfx: %s\n", library.error().c_str());
-        return kLoad;
+        PluginLibrary library(libraryPath);
+        if (!library.registry())
+            fail(kExitLoad, library.error());
+        static HostServices services;
+        library.registry()->setHostContext(nullptr);
+        library.registry()->setHostServices(&services);
+        qvd::PluginInterface& registry = *library.registry();
+        if (command == "list")
+            return commandList(registry, std::move(args));
+        if (command == "params")
+            return commandParams(registry, std::move(args));
+        if (command == "process")
+            return commandProcess(registry, std::move(args));
+        if (command == "demo")
+            return commandDemo(registry, std::move(args));
+        return commandBench(registry, std::move(args));
+    } catch (const Failure& f) {
+        std::fprintf(stderr, "qvdfx: %s\n", f.message.c_str());
+        return f.code;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "qvdfx: %s\n", e.what());
+        return kExitProcess;
     }
-    static qvdfx::HostServices services;
-    library.registry()->setHostContext(nullptr);
-    library.registry()->setHostServices(&services);
-
-    if (command == "list")
-        return commandList(*library.registry(), args);
-    if (command == "params")
-        return commandParams(*library.registry(), args);
-    return commandDemo(*library.registry(), args);
 }
