@@ -2,6 +2,9 @@
 
 #include <cmath>
 
+#include <System/twa_cpuinfo_x86.h>
+#include <System/twa_dispatch.h>
+
 namespace qvd::gain {
 
 void scalarChannel(const KernelArgs& args, std::int32_t c, std::int32_t from) noexcept
@@ -32,15 +35,17 @@ void kernel_ref(const KernelArgs& args) noexcept
 
 Variant selectKernel() noexcept
 {
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx"))
+    // The dispatch queries may be forced (tests, a host option); the machine check keeps
+    // a forced level from picking code this processor cannot run.
+    if (twa::HasAVX() && twa::MachineRuns(twa::IsaNeed::AVX))
         return {"m256", &m256::kernel};
-    return {"m128", &m128::kernel};
+    if (twa::HasSSE2())
+        return {"m128", &m128::kernel};
+    return {"ref", &kernel_ref};
 }
 
 int supportedKernels(Variant* out, int capacity) noexcept
 {
-    __builtin_cpu_init();
     int n = 0;
     auto add = [&](const char* name, KernelFn fn) {
         if (n < capacity)
@@ -49,7 +54,7 @@ int supportedKernels(Variant* out, int capacity) noexcept
     };
     add("ref", &kernel_ref);
     add("m128", &m128::kernel);
-    if (__builtin_cpu_supports("avx"))
+    if (twa::MachineRuns(twa::IsaNeed::AVX))
         add("m256", &m256::kernel);
     return n;
 }

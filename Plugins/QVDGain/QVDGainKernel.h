@@ -37,7 +37,7 @@ struct Variant {
     const char* name;
     KernelFn fn;
 };
-// The fastest variant this processor runs.
+// The variant the processor dispatch picks: m256 with AVX, m128 with SSE2, else ref.
 Variant selectKernel() noexcept;
 // Every variant this processor runs, the reference first (for tests and benchmarks).
 int supportedKernels(Variant* out, int capacity) noexcept;

@@ -8,6 +8,8 @@
 #include <random>
 
 #include <QVDGain.h>
+#include <System/twa_cpuinfo_x86.h>
+#include <System/twa_dispatch.h>
 #include <SmoothingCoefficient.h>
 
 extern "C" void* GetQVDPluginInterface();
@@ -320,6 +322,18 @@ TEST(GainKernels, EveryVariantMatchesTheReferenceExactly)
             }
         }
     }
+}
+
+TEST(GainKernels, TheDispatchPicksByInstructionSetLevel)
+{
+    const bool previous = twa::SetUseProbe(false);
+    twa::CpuFeatures::Instance().settings.level = twa::kIsaNone;
+    EXPECT_STREQ(qvd::gain::selectKernel().name, "ref");
+    twa::CpuFeatures::Instance().settings.level = twa::kIsaSSE42;
+    EXPECT_STREQ(qvd::gain::selectKernel().name, "m128");
+    twa::CpuFeatures::Instance().settings.level = twa::kIsaAVX;
+    EXPECT_STREQ(qvd::gain::selectKernel().name, twa::MachineRuns(twa::IsaNeed::AVX) ? "m256" : "m128");
+    twa::SetUseProbe(previous);
 }
 
 TEST(GainKernels, ThePluginGivesTheSameResultWithEveryVariant)
