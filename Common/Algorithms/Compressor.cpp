@@ -115,7 +115,7 @@ void Compressor::reset()
     m_envelope = m_threshold.load(std::memory_order_relaxed);
     m_hold = 0;
     m_restart = true;
-    m_envelopeOut.store(m_envelope, std::memory_order_relaxed);
+    m_envelopeOut.store(static_cast<float>(m_envelope), std::memory_order_relaxed);
     m_reductionDb.store(0.0f, std::memory_order_relaxed);
 }
 
@@ -164,19 +164,21 @@ bool Compressor::processChannels(float* const* channels, std::uint32_t frames) n
 void Compressor::envelope(const Coefficients& c, const float* level, float* gain, std::int32_t n,
                           float& lastReduction) noexcept
 {
-    float env = m_envelope;
+    double env = m_envelope;
     std::int32_t hold = m_hold;
     float reduction = lastReduction;
+    const double a = c.attack, ca = c.attackC, rel = c.release, cr = c.releaseC;
+    const double thr = c.threshold, slope = c.slope;
     for (std::int32_t i = 0; i < n; ++i) {
         const float lv = level[i];
-        const float l = lv > c.threshold ? lv : c.threshold;
+        const double l = lv > c.threshold ? lv : c.threshold;
         const bool rising = l > env;
-        const float attacked = c.attack * env + c.attackC * l;
-        const float released = c.release * env + c.releaseC * l;
+        const double attacked = a * env + ca * l;
+        const double released = rel * env + cr * l;
         const bool holding = hold > 0;
         env = rising ? attacked : (holding ? env : released);
         hold = rising ? c.holdSamples : (holding ? hold - 1 : hold);
-        const float r = (c.threshold - env) * c.slope;
+        const auto r = static_cast<float>((thr - env) * slope);
         reduction = r > c.limit ? r : c.limit;
         gain[i] = reduction + c.makeup;
     }
@@ -218,5 +220,5 @@ void Compressor::run(float* const* mains, const float* const* detectors, std::in
     m_envelope = sanitiseState(m_envelope, c.threshold, overflow);
     if (overflow)
         m_hold = 0;
-    m_envelopeOut.store(m_envelope, std::memory_order_relaxed);
+    m_envelopeOut.store(static_cast<float>(m_envelope), std::memory_order_relaxed);
 }

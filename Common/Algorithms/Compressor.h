@@ -19,6 +19,10 @@
 // is floored to), so the first frames get exactly the make-up and are then
 // pulled down by the attack, never by a stale envelope.
 //
+// Coefficients are single precision; the envelope is double, like every
+// recursive state here: a float envelope stalls short of its target by up to
+// half an ulp / (1 - release), which is most of a dB for a 4 s release.
+//
 // The detector ignores NaN samples; an infinite sample is measured as FLT_MAX
 // and the envelope restarts from the threshold at the end of that block, so one
 // bad sample cannot hold the gain down for seconds.
@@ -108,7 +112,7 @@ private:
     std::atomic<bool> m_sidechain{false};
 
     // Running state (audio thread).
-    float m_envelope = -0.75f;  // log10 units
+    double m_envelope = -0.75; // log10 units, double like every recursive state
     std::int32_t m_hold = 0;    // samples left to hold
     bool m_restart = true;      // envelope starts at the threshold on the next block
     std::atomic<float> m_envelopeOut{-0.75f};

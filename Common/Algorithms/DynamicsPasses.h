@@ -81,11 +81,11 @@ inline void applyInterleaved(float* main, std::int32_t stride, std::uint32_t sta
 // saw an infinite sample, restarts it from `restart`; a value that has decayed
 // into the subnormal range's neighbourhood becomes 0 so it cannot slow the
 // recursion down.
-inline float sanitiseState(float state, float restart, bool overflow) noexcept
+inline double sanitiseState(double state, double restart, bool overflow) noexcept
 {
     if (overflow || !std::isfinite(state))
         return restart;
-    return std::fabs(state) < 1e-20f ? 0.0f : state;
+    return std::fabs(state) < 1e-20 ? 0.0 : state;
 }
 
 } // namespace qvd::dynamics

@@ -103,7 +103,7 @@ void Expander::reset()
     m_envelope = m_threshold.load(std::memory_order_relaxed);
     m_hold = 0;
     m_restart = true;
-    m_envelopeOut.store(m_envelope, std::memory_order_relaxed);
+    m_envelopeOut.store(static_cast<float>(m_envelope), std::memory_order_relaxed);
     m_lastGain.store(0.0f, std::memory_order_relaxed);
 }
 
@@ -126,9 +126,10 @@ bool Expander::processChannels(float* const* channels, std::uint32_t frames) noe
         m_envelope = thr;
         m_restart = false;
     }
-    float env = m_envelope;
+    double env = m_envelope;
     std::int32_t hold = m_hold;
     float g = 0.0f;
+    const double ad = a, cad = ca, rd = r, crd = cr, thrd = thr, ratiod = ratio;
     bool overflow = false;
     for (std::uint32_t start = 0; start < frames; start += kChunk) {
         const auto n = static_cast<std::int32_t>(frames - start < kChunk ? frames - start : kChunk);
@@ -139,15 +140,15 @@ bool Expander::processChannels(float* const* channels, std::uint32_t frames) noe
         m_variant.log10(level, level, n);
         for (std::int32_t i = 0; i < n; ++i) {
             const float lv = level[i];
-            const float l = lv > lowest ? lv : lowest;
+            const double l = lv > lowest ? lv : lowest;
             const bool rising = l > env;
-            const float up = a * env + ca * l;
-            const bool top = up >= thr;
-            const float down = r * env + cr * l;
+            const double up = ad * env + cad * l;
+            const bool top = up >= thrd;
+            const double down = rd * env + crd * l;
             const bool holding = hold >= 1;
-            env = rising ? (top ? thr : up) : (holding ? env : down);
+            env = rising ? (top ? thrd : up) : (holding ? env : down);
             hold = rising ? (top ? holdSamples : hold) : (holding ? hold - 1 : hold);
-            g = (env - thr) * ratio;
+            g = static_cast<float>((env - thrd) * ratiod);
             gain[i] = g;
         }
         m_variant.exp10(gain, gain, n);
@@ -157,6 +158,6 @@ bool Expander::processChannels(float* const* channels, std::uint32_t frames) noe
         m_lastGain.store(g, relaxed);
     m_envelope = sanitiseState(env, thr, overflow);
     m_hold = overflow ? 0 : hold;
-    m_envelopeOut.store(m_envelope, relaxed);
+    m_envelopeOut.store(static_cast<float>(m_envelope), relaxed);
     return true;
 }

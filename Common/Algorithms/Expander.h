@@ -67,7 +67,7 @@ private:
     std::atomic<float> m_release{0.0f}, m_releaseC{1.0f};
     std::atomic<std::int32_t> m_holdSamples{0};
 
-    float m_envelope = -1.5f;  // log10 units
+    double m_envelope = -1.5;  // log10 units
     std::int32_t m_hold = 0;   // samples left to hold
     bool m_restart = true;     // envelope starts at the threshold on the next block
     std::atomic<float> m_envelopeOut{-1.5f};

@@ -146,10 +146,10 @@ bool RmsCompressor::setParameter(std::uint32_t index, float value)
 
 void RmsCompressor::reset()
 {
-    m_meanSquare.fill(0.0f);
+    m_meanSquare.fill(0.0);
     m_envelope = m_lower.load(std::memory_order_relaxed);
     m_restart = true;
-    m_envelopeOut.store(m_envelope, std::memory_order_relaxed);
+    m_envelopeOut.store(static_cast<float>(m_envelope), std::memory_order_relaxed);
     m_lastGain.store(0.0f, std::memory_order_relaxed);
 }
 
@@ -198,8 +198,9 @@ bool RmsCompressor::processChannels(float* const* channels, std::uint32_t frames
         m_envelope = knee.lower;
         m_restart = false;
     }
-    float env = m_envelope;
+    double env = m_envelope;
     float y = 0.0f;
+    const double kd = k, ckd = ck, ad = a, cad = ca, rd = r, crd = cr;
     bool overflow = false;
     for (std::uint32_t start = 0; start < frames; start += kChunk) {
         const auto n = static_cast<std::int32_t>(frames - start < kChunk ? frames - start : kChunk);
@@ -210,10 +211,11 @@ bool RmsCompressor::processChannels(float* const* channels, std::uint32_t frames
         // The mean squares are independent recursions, one channel at a time.
         for (std::int32_t c = 0; c < count; ++c) {
             const float* x = channels[c] + start;
-            float ms = m_meanSquare[static_cast<std::size_t>(c)];
+            double ms = m_meanSquare[static_cast<std::size_t>(c)];
             for (std::int32_t i = 0; i < n; ++i) {
-                ms = k * ms + ck * (x[i] * x[i]);
-                const float s = std::sqrt(ms);
+                const double xd = x[i];
+                ms = kd * ms + ckd * (xd * xd);
+                const auto s = static_cast<float>(std::sqrt(ms));
                 level[i] = s > level[i] ? s : level[i];
             }
             m_meanSquare[static_cast<std::size_t>(c)] = ms;
@@ -222,9 +224,9 @@ bool RmsCompressor::processChannels(float* const* channels, std::uint32_t frames
         m_variant.log10(level, level, n);
         for (std::int32_t i = 0; i < n; ++i) {
             const float lv = level[i];
-            const float l = lv > knee.lower ? lv : knee.lower;
-            env = l > env ? a * env + ca * l : r * env + cr * l;
-            level[i] = env;
+            const double l = lv > knee.lower ? lv : knee.lower;
+            env = l > env ? ad * env + cad * l : rd * env + crd * l;
+            level[i] = static_cast<float>(env);
         }
         for (std::int32_t i = 0; i < n; ++i) {
             y = gainFor(knee, level[i]);
@@ -236,10 +238,10 @@ bool RmsCompressor::processChannels(float* const* channels, std::uint32_t frames
     if (frames > 0)
         m_lastGain.store(y, relaxed);
     for (std::int32_t c = 0; c < count; ++c) {
-        float& ms = m_meanSquare[static_cast<std::size_t>(c)];
-        ms = sanitiseState(ms, 0.0f, false);
+        double& ms = m_meanSquare[static_cast<std::size_t>(c)];
+        ms = sanitiseState(ms, 0.0, false);
     }
     m_envelope = sanitiseState(env, knee.lower, overflow);
-    m_envelopeOut.store(m_envelope, relaxed);
+    m_envelopeOut.store(static_cast<float>(m_envelope), relaxed);
     return true;
 }

@@ -18,6 +18,8 @@
 // 1e30s, an infinite sample) cannot drive the gain, the meter and 10^g into
 // the denormal range or to zero, and it gives the meter a fixed full scale.
 //
+// Mean squares and the envelope are double precision (see Compressor.h).
+//
 // Starting state: mean squares start at 0 and the envelope at the knee's lower
 // edge in force when the first block after initialise or reset is processed,
 // so the first frames pass with the make-up only. Non-finite mean squares are
@@ -98,8 +100,8 @@ private:
     std::atomic<float> m_invRatio{0.5f}, m_theta{1.0471976f}, m_thetaPerWidth{2.0943951f}, m_radius{0.0f};
     std::atomic<float> m_makeup{0.0f};
 
-    std::array<float, kMaxChannels> m_meanSquare{};
-    float m_envelope = -1.0f; // log10 units
+    std::array<double, kMaxChannels> m_meanSquare{};
+    double m_envelope = -1.0; // log10 units
     bool m_restart = true;    // envelope starts at the lower edge on the next block
     std::atomic<float> m_envelopeOut{-1.0f};
     std::atomic<float> m_lastGain{0.0f}; // log10 units

@@ -46,21 +46,21 @@ std::vector<double> gains(const std::vector<float>& in, const std::vector<float>
 struct FormulaCompressor {
     float thr, a, ca, r, cr, slope, makeup, limit;
     std::int32_t holdSamples;
-    float env;
+    double env;
     std::int32_t hold = 0;
     float gain(float detector)
     {
         const float d = std::max(detector, 1e-5f);
-        const float l = std::max(thr, std::log10(d));
+        const double l = std::max(thr, std::log10(d));
         if (l > env) {
             hold = holdSamples;
-            env = a * env + ca * l;
+            env = double(a) * env + double(ca) * l;
         } else if (hold > 0) {
             --hold;
         } else {
-            env = r * env + cr * l;
+            env = double(r) * env + double(cr) * l;
         }
-        const float g = std::fmax(limit, (thr - env) * slope) + makeup;
+        const float g = std::fmax(limit, static_cast<float>((double(thr) - env) * double(slope))) + makeup;
         return std::pow(10.0f, g);
     }
 };
