@@ -39,7 +39,9 @@ inline bool timeCoefficient(std::int32_t sampleRate, float ms, float& k, float& 
         return false;
     const float t = ms > 0.0f ? ms : 0.0f;
     const float fs = sampleRate > 0 ? static_cast<float>(sampleRate) : 0.0f;
-    k = std::exp(-1.0f / (fs * t / 1000.0f));
+    const float samples = fs * t / 1000.0f;
+    // exp(-1/0) would be 0: said without dividing by zero.
+    k = samples > 0.0f ? std::exp(-1.0f / samples) : 0.0f;
     complement = 1.0f - k;
     return true;
 }

@@ -91,7 +91,7 @@ const float* LFO::table(std::int32_t waveform)
 LFO::LFO() : QVDAudioAlgorithm(parameterTable()), m_smoothing(SmoothingCoefficient::shared200ms())
 {
     m_sampleRate = 48000;
-    formulaTables();
+    m_table.store(table(kSine), std::memory_order_relaxed);
 }
 
 bool LFO::initialise(float sampleRate, std::int32_t channelCount)
@@ -108,7 +108,8 @@ void LFO::recomputeIncrement()
 {
     const float f = m_frequency.load(std::memory_order_relaxed);
     const float hz = m_waveform.load(std::memory_order_relaxed) == kRandom ? f * 0.03125f : f;
-    float inc = hz * 256.0f / static_cast<float>(m_sampleRate);
+    // Without a sample rate the phase stands still.
+    float inc = m_sampleRate > 0 ? hz * 256.0f / static_cast<float>(m_sampleRate) : 0.0f;
     if (!(inc >= 0.0f))
         inc = 0.0f;
     else if (inc > kMaxIncrement)
@@ -129,7 +130,9 @@ bool LFO::setParameter(std::uint32_t index, float value)
         const float r = value + 0.5f;
         if (!(r > -1.0f && r < 6.0f))
             return false;
-        m_waveform.store(static_cast<std::int32_t>(r), relaxed);
+        const auto w = static_cast<std::int32_t>(r);
+        m_table.store(table(w), relaxed);
+        m_waveform.store(w, relaxed);
         recomputeIncrement();
         return true;
     }
@@ -180,7 +183,7 @@ float LFO::read(float p) const noexcept
         if (!(p >= 0.0f && p < 256.0f))
             p = 0.0f;
     }
-    const float* t = table(m_waveform.load(std::memory_order_relaxed));
+    const float* t = m_table.load(std::memory_order_relaxed);
     const auto whole = static_cast<std::int32_t>(p);
     const float frac = p - static_cast<float>(whole);
     const std::int32_t i = whole & (kSteps - 1);

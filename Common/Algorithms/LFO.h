@@ -85,6 +85,7 @@ private:
     std::atomic<float> m_frequency{1.0f};      // Hz
     std::atomic<float> m_increment{0.00533f};  // table steps per call
     std::atomic<std::int32_t> m_waveform{kSine};
+    std::atomic<const float*> m_table{nullptr}; // table of m_waveform
     std::atomic<float> m_targetDepth{0.0f};
     std::atomic<double> m_depth{0.0};          // written by the setter while smoothing is off
     std::atomic<float> m_offset{0.0f};

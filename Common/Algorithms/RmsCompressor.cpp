@@ -208,8 +208,27 @@ bool RmsCompressor::processChannels(float* const* channels, std::uint32_t frames
         float* gain = m_gain.data();
         for (std::int32_t i = 0; i < n; ++i)
             level[i] = kLevelFloor;
-        // The mean squares are independent recursions, one channel at a time.
-        for (std::int32_t c = 0; c < count; ++c) {
+        // The mean squares are independent recursions: two channels per pass
+        // let their latencies overlap.
+        std::int32_t c = 0;
+        for (; c + 1 < count; c += 2) {
+            const float* x0 = channels[c] + start;
+            const float* x1 = channels[c + 1] + start;
+            double ms0 = m_meanSquare[static_cast<std::size_t>(c)];
+            double ms1 = m_meanSquare[static_cast<std::size_t>(c + 1)];
+            for (std::int32_t i = 0; i < n; ++i) {
+                const double a0 = x0[i], a1 = x1[i];
+                ms0 = kd * ms0 + ckd * (a0 * a0);
+                ms1 = kd * ms1 + ckd * (a1 * a1);
+                const auto s0 = static_cast<float>(std::sqrt(ms0));
+                const auto s1 = static_cast<float>(std::sqrt(ms1));
+                level[i] = s0 > level[i] ? s0 : level[i];
+                level[i] = s1 > level[i] ? s1 : level[i];
+            }
+            m_meanSquare[static_cast<std::size_t>(c)] = ms0;
+            m_meanSquare[static_cast<std::size_t>(c + 1)] = ms1;
+        }
+        for (; c < count; ++c) {
             const float* x = channels[c] + start;
             double ms = m_meanSquare[static_cast<std::size_t>(c)];
             for (std::int32_t i = 0; i < n; ++i) {

@@ -6,6 +6,10 @@
 #include <vector>
 
 #include <Algorithms/Compressor.h>
+#include <Algorithms/DePop.h>
+#include <Algorithms/Expander.h>
+#include <Algorithms/LevelTracker.h>
+#include <Algorithms/RmsCompressor.h>
 
 namespace {
 
@@ -88,5 +92,37 @@ void BM_Compressor_InterleavedStereo(benchmark::State& state)
     perFrame(state);
 }
 BENCHMARK(BM_Compressor_InterleavedStereo);
+
+// Expander, RmsCompressor and LevelTracker: linked stereo, per kernel variant.
+template <class Block>
+void BM_LinkedStereo(benchmark::State& state)
+{
+    Block block;
+    qvd::dynamics::Variant v[4];
+    const int n = qvd::dynamics::supportedVariants(v, 4);
+    if (state.range(0) >= n) {
+        state.SkipWithError("variant not supported here");
+        return;
+    }
+    block.setVariant(v[state.range(0)]);
+    state.SetLabel(v[state.range(0)].name);
+    block.initialise(kRate, 2);
+    Stereo s;
+    runStereo(state, block, s);
+}
+BENCHMARK(BM_LinkedStereo<Expander>)->DenseRange(0, 1)->ArgName("variant");
+BENCHMARK(BM_LinkedStereo<RmsCompressor>)->DenseRange(0, 1)->ArgName("variant");
+BENCHMARK(BM_LinkedStereo<LevelTracker>)->DenseRange(0, 1)->ArgName("variant");
+
+// DePop gliding over a jump in every block (the slowest case it has).
+void BM_DePop_Stereo(benchmark::State& state)
+{
+    DePop d;
+    d.initialise(kRate, 2);
+    d.setParameter(DePop::JUMP, -20.0f);
+    Stereo s;
+    runStereo(state, d, s);
+}
+BENCHMARK(BM_DePop_Stereo);
 
 } // namespace

@@ -202,6 +202,28 @@ TEST(RmsCompressor, RefusesThirtyTwoChannelsAndFloorsTheGain)
     EXPECT_NEAR(gainDb(huge, out, 47999), -100.0, 1e-3);
 }
 
+TEST(RmsCompressor, LinkedChannelsFollowTheLoudest)
+{
+    const auto loud = sine(0.9f, 330.0f, 6000);
+    RmsCompressor mono;
+    mono.initialise(kRate, 1);
+    const auto want = runMono(mono, loud);
+    // The loud channel in every position of two and three channels.
+    for (std::int32_t count : {2, 3}) {
+        for (std::int32_t at = 0; at < count; ++at) {
+            RmsCompressor c;
+            c.initialise(kRate, count);
+            std::vector<std::vector<float>> data(static_cast<std::size_t>(count), std::vector<float>(6000, 0.0f));
+            data[static_cast<std::size_t>(at)] = loud;
+            std::vector<float*> ptrs;
+            for (auto& d : data)
+                ptrs.push_back(d.data());
+            ASSERT_TRUE(c.processChannels(ptrs.data(), 6000));
+            EXPECT_EQ(data[static_cast<std::size_t>(at)], want) << count << " " << at;
+        }
+    }
+}
+
 // Behaviour every dynamics block shares.
 template <class Block>
 class DynamicsBlock : public testing::Test {};
