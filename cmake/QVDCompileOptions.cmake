@@ -17,3 +17,12 @@ function(qvd_simd_sources target flags)
     PROPERTIES COMPILE_OPTIONS "${flags}")
   target_sources(${target} PRIVATE ${ARGN})
 endfunction()
+
+# Sanitizer builds: QVD_SANITIZE=address,undefined or thread. Any report is
+# fatal, so a test run under them fails on the first finding.
+set(QVD_SANITIZE "" CACHE STRING "Sanitizers for every target: address,undefined or thread")
+if(QVD_SANITIZE)
+  target_compile_options(qvd_options INTERFACE -fsanitize=${QVD_SANITIZE} -fno-omit-frame-pointer
+                         -fno-sanitize-recover=all)
+  target_link_options(qvd_options INTERFACE -fsanitize=${QVD_SANITIZE})
+endif()

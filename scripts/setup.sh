@@ -10,6 +10,8 @@ packages=(
   libsoxr-dev libpugixml-dev libkissfft-dev libfftw3-dev
   libwebrtc-audio-processing-dev libsndfile1-dev lv2-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  # RealtimeSanitizer runtime for the conformance harness; clang for the fuzzers
+  clang-19 libclang-rt-19-dev
   fontconfig fonts-dejavu-core
 )
 

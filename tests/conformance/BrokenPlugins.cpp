@@ -328,8 +328,28 @@ protected:
     bool prepareProcessing() override { return false; }
 };
 
+// Publishes a derived value with a plain store that the audio thread reads:
+// a data race ThreadSanitizer reports.
+class BrokenRacer : public Broken<BrokenRacer> {
+    Q_OBJECT
+public:
+    using Broken::Broken;
+    BROKEN_DESCRIPTOR(BrokenRacer, "Broken Racer", "BkRc")
+    bool applyParameter(std::uint32_t index, float value) override
+    {
+        Broken::applyParameter(index, value);
+        m_linear = std::isfinite(value) ? value * 0.5f : 0.5f;
+        return true;
+    }
+protected:
+    float sample(int, int, float x) noexcept override { return x * m_linear; }
+private:
+    float m_linear = 0.5f;
+};
+
 } // namespace
 
+QVD_REGISTER_AUDIO_PLUGIN(BrokenRacer)
 QVD_REGISTER_AUDIO_PLUGIN(BrokenRange)
 QVD_REGISTER_AUDIO_PLUGIN(BrokenFormats)
 QVD_REGISTER_AUDIO_PLUGIN(BrokenUnwritten)

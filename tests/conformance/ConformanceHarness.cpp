@@ -129,6 +129,32 @@ struct RtHooks {
 RtHooks g_rt;
 std::uint64_t g_processCalls = 0;
 
+#if defined(QVD_RTSAN)
+// LLVM's RealtimeSanitizer runtime, linked in: any allocation, lock, sleep or
+// blocking call between enter and exit aborts with a report.
+extern "C" void __rtsan_init();
+extern "C" void __rtsan_realtime_enter();
+extern "C" void __rtsan_realtime_exit();
+#endif
+
+// Brackets every call the audio thread makes into a plugin.
+inline void audioEnter()
+{
+#if defined(QVD_RTSAN)
+    __rtsan_realtime_enter();
+#endif
+    if (g_rt.present())
+        g_rt.enter();
+}
+inline void audioLeave()
+{
+    if (g_rt.present())
+        g_rt.leave();
+#if defined(QVD_RTSAN)
+    __rtsan_realtime_exit();
+#endif
+}
+
 struct Instance {
     qvd::PluginInstance* p = nullptr;
     Instance(qvd::PluginInterface& r, const std::string& key) : p(r.createPlugin(qvd::kAudioPlugin, key.c_str())) {}
@@ -258,12 +284,10 @@ RunResult run(AudioPlugin& a, const Config& c, const Signal& in, const std::vect
             Channel& ch = inPlace && i < c.inputs ? ins[static_cast<std::size_t>(i)] : outs[static_cast<std::size_t>(i)];
             outPtr[static_cast<std::size_t>(i)] = ch.data() + done;
         }
-        if (g_rt.present())
-            g_rt.enter();
+        audioEnter();
         const bool ok = a.process(&block, inPtr.data(), outPtr.data(), step);
+        audioLeave();
         ++g_processCalls;
-        if (g_rt.present())
-            g_rt.leave();
         r.returned = r.returned && ok;
         done += n;
         block.position = static_cast<std::int64_t>(done);
@@ -795,7 +819,13 @@ void checkLifecycle(Context& ctx, const std::string& key)
 
 void checkRealtime(Context& ctx, const std::string& key, const std::uint64_t* before)
 {
-    if (!g_rt.present())
+    const bool rtsan =
+#if defined(QVD_RTSAN)
+        true;
+#else
+        false;
+#endif
+    if (!g_rt.present() && !rtsan)
         return;
     // Many small calls on top of the matrix: short blocks hit every branch often.
     Instance inst(*ctx.lib.registry, key);
@@ -807,20 +837,77 @@ void checkRealtime(Context& ctx, const std::string& key, const std::uint64_t* be
         float* out[2] = {l.data(), r.data()};
         const float* ins[2] = {in[0].data(), in[1].data()};
         std::mt19937 rng(9);
-        g_rt.enter();
-        for (int i = 0; i < calls; ++i) {
-            if ((i & 4095) == 0) {
-                g_rt.leave();
-                inst.a()->setBypass((i & 8192) != 0);
-                g_rt.enter();
-            }
-            inst.a()->process(nullptr, ins, out, static_cast<std::int32_t>(1 + rng() % 32));
+        std::int32_t sizes[4096];
+        for (auto& n : sizes)
+            n = static_cast<std::int32_t>(1 + rng() % 32);
+        for (int i = 0; i < calls; i += 4096) {
+            inst.a()->setBypass((i & 8192) != 0);
+            audioEnter();
+            for (int k = 0; k < 4096; ++k)
+                inst.a()->process(nullptr, ins, out, sizes[k]);
+            audioLeave();
         }
-        g_rt.leave();
-        g_processCalls += static_cast<std::uint64_t>(calls);
+        g_processCalls += static_cast<std::uint64_t>((calls + 4095) / 4096 * 4096);
+    }
+    if (!g_rt.present()) {
+        ctx.report.pass("rt-safety"); // the sanitizer would have aborted
+        return;
     }
     const std::string what = g_rt.describe(before);
     ctx.report.check(what.empty(), key, "rt-safety", "calls on the audio thread: " + what);
+}
+
+// A parameter thread at about 1 kHz and a meter thread run while the audio
+// thread processes 10 s of audio. Races show under ThreadSanitizer; without
+// it this only proves nothing crashes, so it reports under its own name.
+void checkThreads(Context& ctx, const std::string& key)
+{
+    Instance inst(*ctx.lib.registry, key);
+    const Config c{48000, 512, 2, 2};
+    if (!inst.p || !prepare(*inst.a(), c))
+        return;
+    std::atomic<bool> stop{false};
+    std::thread parameters([&] {
+        std::mt19937 rng(ctx.report.seed);
+        while (!stop) {
+            const std::int32_t count = inst.p->parameterCount();
+            if (count > 0) {
+                const auto index = static_cast<std::int32_t>(rng() % static_cast<unsigned>(count));
+                qvd::ParameterInfo info;
+                inst.p->parameterInfo(index, &info);
+                std::uniform_real_distribution<float> d(info.minimum, info.maximum);
+                inst.p->setParameter(index, d(rng));
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    std::thread meters([&] {
+        double values[64];
+        while (!stop) {
+            for (std::int32_t g = 0; g < inst.p->meterGroupCount(); ++g)
+                inst.p->getMeterValues(g, values, 64);
+            inst.a()->isBypassed();
+            inst.p->getLatency();
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    const Signal in = noise(2, 512, 12);
+    std::vector<float> l(512), r(512);
+    float* out[2] = {l.data(), r.data()};
+    const float* ins[2] = {in[0].data(), in[1].data()};
+    std::string where;
+    bool finite = true;
+    for (int b = 0; b < 48000 * 10 / 512; ++b) {
+        inst.a()->process(nullptr, ins, out, 512);
+        finite = finite && std::all_of(l.begin(), l.end(), [](float x) { return std::isfinite(x); });
+        // Give the other threads a chance to interleave on a small machine.
+        if ((b & 15) == 0)
+            std::this_thread::yield();
+    }
+    stop = true;
+    parameters.join();
+    meters.join();
+    ctx.report.check(finite, key, "threads", "non-finite output while parameters changed from another thread");
 }
 
 int coldLoad(const std::string& path)
@@ -853,6 +940,7 @@ int main(int argc, char** argv)
     std::string expectFile, neededFile;
     bool longPass = false;
     int sequences = 100;
+    std::string onlyGroup; // "threads" runs just the thread check
     Report report;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& a = args[i];
@@ -870,9 +958,10 @@ int main(int argc, char** argv)
         else if (a == "--sequences") sequences = std::stoi(next());
         else if (a == "--expect") expectFile = next();
         else if (a == "--needed") neededFile = next();
+        else if (a == "--only") onlyGroup = next();
         else {
             std::fprintf(stderr, "usage: qvd_conformance --library PATH [--plugin KEY]... [--long] [--seed N] "
-                                 "[--sequences N] [--needed FILE] [--expect FILE]\n");
+                                 "[--sequences N] [--needed FILE] [--expect FILE] [--only threads]\n");
             return 2;
         }
     }
@@ -899,12 +988,17 @@ int main(int argc, char** argv)
     g_rt.counts = reinterpret_cast<QvdRtCountsFn>(dlsym(RTLD_DEFAULT, "qvd_rt_counts"));
     g_rt.name = reinterpret_cast<QvdRtKindNameFn>(dlsym(RTLD_DEFAULT, "qvd_rt_kind_name"));
     g_rt.live = reinterpret_cast<QvdRtLiveBlocksFn>(dlsym(RTLD_DEFAULT, "qvd_rt_live_blocks"));
+#if defined(QVD_RTSAN)
+    __rtsan_init();
+    std::printf("RealtimeSanitizer watches every process call\n");
+#endif
     if (!g_rt.present())
-        std::printf("real-time interposer not preloaded: rt-safety and leak counts are skipped\n");
+        std::printf("real-time interposer not preloaded: its counts and the leak count are skipped\n");
 
     Context ctx{lib, report, longPass, sequences};
-    checkRegistry(ctx);
-    if (!neededFile.empty()) {
+    if (onlyGroup.empty())
+        checkRegistry(ctx);
+    if (!neededFile.empty() && onlyGroup.empty()) {
         char self[4096] = {};
         const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
         checkBinary(ctx, n > 0 ? std::string(self, static_cast<std::size_t>(n)) : std::string(argv[0]), neededFile);
@@ -918,19 +1012,29 @@ int main(int argc, char** argv)
         std::uint64_t before[16] = {};
         if (g_rt.present())
             g_rt.counts(before, 16);
-        checkMatrix(ctx, key, info);
-        checkLatencyAndBypass(ctx, key);
-        checkBadNumbers(ctx, key);
-        checkSequences(ctx, key, info);
-        checkRealtime(ctx, key, before);
-        checkLifecycle(ctx, key);
+        if (onlyGroup == "threads") {
+            checkThreads(ctx, key);
+        } else {
+            checkMatrix(ctx, key, info);
+            checkLatencyAndBypass(ctx, key);
+            checkBadNumbers(ctx, key);
+            checkSequences(ctx, key, info);
+            checkRealtime(ctx, key, before);
+            checkLifecycle(ctx, key);
+        }
         std::printf("checked %s in %.1f s\n", key.c_str(),
                     std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
         std::fflush(stdout);
     }
 
     std::printf("process calls: %llu%s\n", static_cast<unsigned long long>(g_processCalls),
-                g_rt.present() ? " (all watched by the real-time interposer)" : "");
+                g_rt.present() ? " (all watched by the real-time interposer)"
+#if defined(QVD_RTSAN)
+                               : " (all watched by RealtimeSanitizer)"
+#else
+                               : ""
+#endif
+    );
     // One line per check.
     for (const auto& [check, runs] : report.runs)
         std::printf("gate %-17s %6d run, %4d failed\n", check.c_str(), runs, report.fails[check]);
