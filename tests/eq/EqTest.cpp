@@ -1,0 +1,594 @@
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cmath>
+#include <complex>
+#include <cstring>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <QVDEq.h>
+#include <qvd/PluginInterface.h>
+
+extern "C" void* GetQVDPluginInterface();
+
+namespace {
+
+constexpr const char* kEqKey = "Tarnwick EQ:1364608369";
+constexpr double kPi = 3.141592653589793;
+
+// The per-band shape tables as the equaliser's documentation gives them.
+constexpr int kTranslation[6][4] = {{2, 4, 3, 1}, {2, 4, 4, 3}, {2, 4, 4, 3}, {2, 4, 4, 3}, {2, 4, 4, 3}, {0, 2, 4, 3}};
+constexpr int kView[6][4] = {{0, 2, 1, 5}, {0, 2, 3, 1}, {0, 2, 3, 1}, {0, 2, 3, 1}, {0, 2, 3, 1}, {4, 0, 2, 1}};
+
+struct Eq {
+    Eq()
+        : instance(static_cast<qvd::PluginInterface*>(GetQVDPluginInterface())->createPlugin(qvd::kAudioPlugin, kEqKey)),
+          plugin(dynamic_cast<QVDEq*>(instance))
+    {
+    }
+    ~Eq() { instance->destroy(); }
+    AudioPlugin* audio() const { return instance->getAudioInterface(); }
+    bool prepare(float rate, int block, int ins, int outs)
+    {
+        const qvd::PrepareConfig config{qvd::formatForChannels(ins), qvd::formatForChannels(outs), 0, 0};
+        return audio()->prepare(rate, block, &config);
+    }
+    void set(int band, QVDEq::Role role, float v) { instance->setParameter(static_cast<std::int32_t>(band * 5 + role), v); }
+    qvd::PluginInstance* instance;
+    QVDEq* plugin;
+};
+
+std::vector<std::vector<float>> noise(int channels, std::size_t frames, unsigned seed, float amplitude = 0.5f)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> d(-amplitude, amplitude);
+    std::vector<std::vector<float>> v(static_cast<std::size_t>(channels), std::vector<float>(frames));
+    for (auto& ch : v)
+        for (auto& x : ch)
+            x = d(rng);
+    return v;
+}
+
+std::vector<float*> pointers(std::vector<std::vector<float>>& v, std::size_t offset = 0)
+{
+    std::vector<float*> p;
+    for (auto& ch : v)
+        p.push_back(ch.data() + offset);
+    return p;
+}
+
+// A setting of the six bands, with every band on and filtering.
+struct Setting {
+    float gain[6] = {-6.0f, 4.5f, -3.0f, 7.0f, -9.0f, 2.0f};
+    float q[6] = {0.3f, 1.0f, 2.3f, 4.0f, 10.3f, 3.3f};
+    float freq[6] = {60.0f, 180.0f, 700.0f, 2500.0f, 7000.0f, 15000.0f};
+    float shape[6] = {2.0f, 0.0f, 1.0f, 2.0f, 3.0f, 1.0f};
+    float in[6] = {1.0f, 1.0f, 1.0f, 1.0f, 1.0f, 1.0f};
+};
+
+void apply(Eq& eq, const Setting& s)
+{
+    for (int b = 0; b < 6; ++b) {
+        eq.set(b, QVDEq::kGain, s.gain[b]);
+        eq.set(b, QVDEq::kQ, s.q[b]);
+        eq.set(b, QVDEq::kFreq, s.freq[b]);
+        eq.set(b, QVDEq::kShape, s.shape[b]);
+        eq.set(b, QVDEq::kIn, s.in[b]);
+    }
+}
+
+// Six separate blocks set up as the documentation maps the equaliser's
+// parameters onto them.
+std::array<std::unique_ptr<BiQuad>, 6> referenceBands(const Setting& s, float rate, int channels)
+{
+    std::array<std::unique_ptr<BiQuad>, 6> bands;
+    for (int b = 0; b < 6; ++b) {
+        auto q = std::make_unique<BiQuad>();
+        q->initialise(rate, channels);
+        q->setParameter(BiQuad::GAIN, s.gain[b]);
+        q->setParameter(BiQuad::Q, static_cast<float>((static_cast<double>(s.q[b]) - 0.3) * 0.5 + 0.5));
+        q->setParameter(BiQuad::FREQ, s.freq[b]);
+        q->setParameter(BiQuad::SHAPE, static_cast<float>(kTranslation[b][static_cast<int>(s.shape[b] + 0.5f)]));
+        q->setParameter(BiQuad::IN, s.in[b]);
+        bands[static_cast<std::size_t>(b)] = std::move(q);
+    }
+    return bands;
+}
+
+class LogCapture final : public qvd::HostServices {
+public:
+    explicit LogCapture(int level) : m_level(level) {}
+    const char* hostName() const override { return "eq_tests"; }
+    std::int32_t hostVersion() const override { return 1; }
+    double editorScale() const override { return 1.0; }
+    std::int32_t debugLogLevel() const override { return m_level; }
+    void debugLog(std::int32_t level, const char* line) override
+    {
+        lines.emplace_back(line);
+        levels.push_back(level);
+    }
+    std::vector<std::string> lines;
+    std::vector<int> levels;
+
+private:
+    int m_level;
+};
+
+TEST(EqPlugin, RegisteredWithItsKeyAndDescriptor)
+{
+    auto* registry = static_cast<qvd::PluginInterface*>(GetQVDPluginInterface());
+    const auto plugins = registry->listPlugins(qvd::kAudioPlugin);
+    ASSERT_EQ(plugins.count(kEqKey), 1u);
+    EXPECT_EQ(plugins.at(kEqKey).name, "Tarnwick EQ");
+    EXPECT_EQ(plugins.at(kEqKey).channels, 16);
+    Eq eq;
+    ASSERT_NE(eq.plugin, nullptr);
+    EXPECT_STREQ(eq.instance->pluginKey(), kEqKey);
+    EXPECT_EQ(QVDEq::descriptor().maxInputs, 16);
+    EXPECT_EQ(QVDEq::descriptor().maxOutputs, 16);
+    EXPECT_STREQ(QVDEq::descriptor().className, "QVDEq");
+    EXPECT_EQ(eq.instance->getLatency(), 0u);
+    EXPECT_EQ(eq.instance->meterGroupCount(), 2);
+}
+
+TEST(EqPlugin, ThirtyOneParametersAsTabled)
+{
+    Eq eq;
+    ASSERT_EQ(eq.instance->parameterCount(), 31);
+    const float freqs[6] = {70, 110, 240, 1200, 6000, 19000};
+    const float shapes[6] = {3, 0, 1, 1, 3, 0};
+    const float ins[6] = {0, 1, 1, 1, 1, 0};
+    const std::vector<std::vector<std::string>> shapeLabels = {
+        {"Lo Shelf", "Bell", "Hi Shelf", "Hi Pass"}, {"Lo Shelf", "Bell", "Notch", "Hi Shelf"},
+        {"Lo Shelf", "Bell", "Notch", "Hi Shelf"},   {"Lo Shelf", "Bell", "Notch", "Hi Shelf"},
+        {"Lo Shelf", "Bell", "Notch", "Hi Shelf"},   {"Lo Pass", "Bell", "Notch", "Hi Shelf"}};
+    struct Row {
+        const char* name;
+        const char* label;
+        int kind;
+        float minimum, maximum, step;
+    };
+    const Row rows[5] = {{"BAND_GAIN", "Gain", 0, -20, 20, 0.1f},
+                         {"BAND_Q", "Q", 0, 0.3f, 10.3f, 0.1f},
+                         {"BAND_FREQ", "Freq", 0, 20, 19000, 1},
+                         {"BAND_SHAPE", "Shape", 2, 0, 3, 1},
+                         {"BAND_IN", "In", 2, 0, 1, 1}};
+    for (int b = 0; b < 6; ++b) {
+        for (int r = 0; r < 5; ++r) {
+            SCOPED_TRACE(testing::Message() << "band " << b << " role " << r);
+            qvd::ParameterInfo info;
+            ASSERT_TRUE(eq.instance->parameterInfo(b * 5 + r, &info));
+            EXPECT_EQ(info.index, b * 5 + r);
+            EXPECT_EQ(info.identifier, std::string("QVDEq::") + rows[r].name + "_" + std::to_string(b));
+            EXPECT_EQ(info.label, "Band " + std::to_string(b + 1) + " " + rows[r].label);
+            EXPECT_EQ(info.kind, rows[r].kind);
+            EXPECT_EQ(info.minimum, rows[r].minimum);
+            EXPECT_EQ(info.maximum, rows[r].maximum);
+            EXPECT_EQ(info.step, rows[r].step);
+            const float defaults[5] = {0.0f, 2.3f, freqs[b], shapes[b], ins[b]};
+            EXPECT_EQ(info.defaultValue, defaults[r]);
+            EXPECT_EQ(eq.instance->getParameter(b * 5 + r), defaults[r]);
+        }
+        qvd::ParameterInfo info;
+        eq.instance->parameterInfo(b * 5 + 3, &info);
+        EXPECT_EQ(info.options, shapeLabels[static_cast<std::size_t>(b)]);
+        eq.instance->parameterInfo(b * 5 + 4, &info);
+        EXPECT_EQ(info.options, (std::vector<std::string>{"Off", "On"}));
+        eq.instance->parameterInfo(b * 5 + 0, &info);
+        EXPECT_EQ(info.unit, "dB");
+        eq.instance->parameterInfo(b * 5 + 2, &info);
+        EXPECT_EQ(info.unit, "Hz");
+    }
+    qvd::ParameterInfo info;
+    ASSERT_TRUE(eq.instance->parameterInfo(30, &info));
+    EXPECT_EQ(info.identifier, "QVDEq::EQ_IN");
+    EXPECT_EQ(info.label, "Equalizer In");
+    EXPECT_EQ(info.kind, 2);
+    EXPECT_EQ(info.options, (std::vector<std::string>{"Off", "In"}));
+    EXPECT_EQ(info.defaultValue, 1.0f);
+    EXPECT_FALSE(eq.instance->setParameter(31, 1.0f));
+    EXPECT_EQ(eq.instance->getParameter(31), 0.0f);
+
+    // Defaults: bands 1 and 6 off, band 1 a high-pass at 70 Hz, band 6 a low-pass at 19 kHz.
+    EXPECT_FALSE(eq.plugin->band(0).isIn());
+    EXPECT_EQ(eq.plugin->band(0).kind(), BiQuad::kHighPass);
+    EXPECT_EQ(eq.plugin->band(5).kind(), BiQuad::kLowPass);
+    EXPECT_FALSE(eq.plugin->band(5).isIn());
+    for (int b = 1; b < 5; ++b)
+        EXPECT_TRUE(eq.plugin->band(b).isIn()) << b;
+    EXPECT_TRUE(eq.plugin->equalizerIn());
+}
+
+TEST(EqPlugin, ShapeChoicesTranslatePerBandWithTheirViewCodes)
+{
+    Eq eq;
+    for (int b = 0; b < 6; ++b) {
+        for (int choice = 0; choice < 4; ++choice) {
+            SCOPED_TRACE(testing::Message() << "band " << b << " choice " << choice);
+            EXPECT_EQ(QVDEq::shapeTranslation()[static_cast<std::size_t>(b * 4 + choice)], kTranslation[b][choice]);
+            EXPECT_EQ(QVDEq::viewCodes()[static_cast<std::size_t>(b * 4 + choice)], kView[b][choice]);
+            // Values round to the nearest choice: 0.49 is still the lower one.
+            eq.set(b, QVDEq::kShape, static_cast<float>(choice) + 0.49f);
+            EXPECT_EQ(eq.plugin->band(b).getParameter(BiQuad::SHAPE), static_cast<float>(kTranslation[b][choice]));
+            EXPECT_EQ(eq.plugin->band(b).kind(), BiQuad::kindOfShape(static_cast<float>(kTranslation[b][choice])));
+            EXPECT_EQ(eq.plugin->bandView(b).shape, kView[b][choice]);
+        }
+        EXPECT_EQ(QVDEq::shapeLabels(b).size(), 4);
+    }
+    // The middle bands' "Notch" is a bell with the band's gain; band 6's "Bell" is a low shelf.
+    eq.set(2, QVDEq::kShape, 2.0f);
+    EXPECT_EQ(eq.plugin->band(2).kind(), BiQuad::kBell);
+    eq.set(5, QVDEq::kShape, 1.0f);
+    EXPECT_EQ(eq.plugin->band(5).kind(), BiQuad::kLowShelf);
+    // Past the table, or NaN: no filter at all.
+    for (const float bad : {4.0f, -2.0f, 1e38f, std::numeric_limits<float>::quiet_NaN()}) {
+        eq.set(3, QVDEq::kShape, bad);
+        EXPECT_EQ(eq.plugin->band(3).kind(), BiQuad::kNeutral) << bad;
+        EXPECT_TRUE(eq.plugin->band(3).designed().isNeutral());
+    }
+}
+
+TEST(EqPlugin, QGainFrequencyAndInReachTheBand)
+{
+    Eq eq;
+    EXPECT_EQ(QVDEq::mappedQ(0.3f), 0.5f);
+    EXPECT_EQ(QVDEq::mappedQ(2.3f), 1.5f);
+    EXPECT_EQ(QVDEq::mappedQ(10.3f), 5.5f);
+    EXPECT_EQ(eq.plugin->band(2).q(), static_cast<double>(1.5f));
+    eq.set(2, QVDEq::kQ, 4.3f);
+    EXPECT_EQ(eq.plugin->band(2).getParameter(BiQuad::Q), QVDEq::mappedQ(4.3f));
+    EXPECT_NEAR(eq.plugin->band(2).q(), 2.5, 1e-6);
+    EXPECT_EQ(eq.plugin->bandView(2).q, QVDEq::mappedQ(4.3f));
+    eq.set(2, QVDEq::kGain, -12.5f);
+    EXPECT_EQ(eq.plugin->band(2).getParameter(BiQuad::GAIN), -12.5f);
+    EXPECT_EQ(eq.plugin->band(2).linearGain(), std::pow(10.0, -12.5 / 20.0));
+    EXPECT_EQ(eq.plugin->bandView(2).gainDb, -12.5f);
+    eq.set(2, QVDEq::kFreq, 4321.0f);
+    EXPECT_EQ(eq.plugin->band(2).frequency(), 4321.0);
+    EXPECT_EQ(eq.plugin->bandView(2).frequency, 4321.0f);
+    // The view calls anything but 0 on; the filter only exactly 1.
+    eq.set(2, QVDEq::kIn, 0.6f);
+    EXPECT_TRUE(eq.plugin->bandView(2).on);
+    EXPECT_FALSE(eq.plugin->band(2).isIn());
+    eq.set(2, QVDEq::kIn, 0.0f);
+    EXPECT_FALSE(eq.plugin->bandView(2).on);
+    eq.set(2, QVDEq::kIn, 1.0f);
+    EXPECT_TRUE(eq.plugin->band(2).isIn());
+}
+
+TEST(EqPlugin, HandlerLogsEachChangeToTheDebugLogOnly)
+{
+    LogCapture log(2);
+    {
+        QVDEq eq(&QVDEq::descriptor(), nullptr, &log);
+        EXPECT_TRUE(log.lines.empty()); // defaults are applied silently
+        eq.setParameter(10, 6.0f);
+        eq.setParameter(11, 4.3f);
+        eq.setParameter(12, 1000.0f);
+        eq.setParameter(13, 2.0f);
+        eq.setParameter(14, 0.0f);
+        eq.setParameter(28, 3.0f);
+        const std::vector<std::string> expected = {
+            "Band 2, Gain: 6.000000",           "Band 2, Q: 4.300000",  "Band 2, Freq: 1000.000000",
+            "Band 2, Shape: 2.000000, xlated: 4", "Band 2, IN: 0.000000", "Band 5, Shape: 3.000000, xlated: 3"};
+        ASSERT_EQ(log.lines.size(), expected.size());
+        for (std::size_t i = 0; i < expected.size(); ++i) {
+            EXPECT_EQ(log.lines[i], expected[i]);
+            EXPECT_EQ(log.levels[i], 2);
+        }
+        // Nothing from the audio thread.
+        const qvd::PrepareConfig config{2, 2, 0, 0};
+        ASSERT_TRUE(eq.prepare(48000.0f, 64, &config));
+        const std::size_t before = log.lines.size();
+        auto signal = noise(2, 64, 1);
+        auto io = pointers(signal);
+        eq.process(nullptr, io.data(), io.data(), 64);
+        EXPECT_EQ(log.lines.size(), before);
+    }
+    // A host that asked for errors only hears nothing.
+    LogCapture quiet(1);
+    QVDEq eq(&QVDEq::descriptor(), nullptr, &quiet);
+    eq.setParameter(0, 3.0f);
+    EXPECT_TRUE(quiet.lines.empty());
+}
+
+TEST(EqProcess, IsTheSixBandsInSeriesBitForBit)
+{
+    for (const int rate : {44100, 48000, 96000, 192000}) {
+        SCOPED_TRACE(rate);
+        Setting s;
+        Eq eq;
+        ASSERT_TRUE(eq.prepare(static_cast<float>(rate), 256, 2, 2));
+        apply(eq, s);
+        auto bands = referenceBands(s, static_cast<float>(rate), 2);
+        auto input = noise(2, 1024, static_cast<unsigned>(rate));
+        auto expected = input;
+        std::vector<std::vector<float>> output(2, std::vector<float>(1024, 7.0f));
+        for (int done = 0; done < 1024; done += 256) {
+            auto in = pointers(input, static_cast<std::size_t>(done));
+            auto out = pointers(output, static_cast<std::size_t>(done));
+            eq.audio()->process(nullptr, in.data(), out.data(), 256);
+            auto ref = pointers(expected, static_cast<std::size_t>(done));
+            for (auto& band : bands)
+                band->processChannels(ref.data(), 256);
+        }
+        EXPECT_EQ(output, expected);
+        EXPECT_NE(output, input);
+    }
+}
+
+TEST(EqProcess, TheThirdBandAsABellAtOneKilohertzLiftsItBySixDecibels)
+{
+    Eq eq;
+    ASSERT_TRUE(eq.prepare(48000.0f, 480, 1, 1));
+    ASSERT_TRUE(eq.plugin->setParameterByIdentifier("QVDEq::BAND_GAIN_2", 6.0f));
+    ASSERT_TRUE(eq.plugin->setParameterByIdentifier("QVDEq::BAND_FREQ_2", 1000.0f));
+    EXPECT_EQ(eq.plugin->band(2).kind(), BiQuad::kBell);
+    const int frames = 48000;
+    std::vector<float> tone(frames);
+    for (int n = 0; n < frames; ++n)
+        tone[static_cast<std::size_t>(n)] = static_cast<float>(0.25 * std::sin(2.0 * kPi * 1000.0 * n / 48000.0));
+    std::vector<float> out = tone;
+    for (int done = 0; done < frames; done += 480) {
+        float* io[1] = {out.data() + done};
+        eq.audio()->process(nullptr, io, io, 480);
+    }
+    // Steady state over the second half second; the other bands sit at 0 dB
+    // (the bells at 240 Hz and 1.2 kHz only up to rounding).
+    double in2 = 0, out2 = 0;
+    for (int n = frames / 2; n < frames; ++n) {
+        in2 += double(tone[static_cast<std::size_t>(n)]) * tone[static_cast<std::size_t>(n)];
+        out2 += double(out[static_cast<std::size_t>(n)]) * out[static_cast<std::size_t>(n)];
+    }
+    EXPECT_NEAR(10.0 * std::log10(out2 / in2), 6.0, 0.01);
+}
+
+TEST(EqProcess, EqualizerOutAndHostBypassPassInputAndZeroTheMeters)
+{
+    Eq eq;
+    ASSERT_TRUE(eq.prepare(48000.0f, 128, 2, 2));
+    apply(eq, Setting{});
+    auto input = noise(2, 128, 3);
+    input[0][5] = -0.0f;
+    std::vector<std::vector<float>> out(2, std::vector<float>(128, 9.0f));
+    auto in = pointers(input);
+    auto o = pointers(out);
+    eq.audio()->process(nullptr, in.data(), o.data(), 128);
+    EXPECT_GT(eq.plugin->meterLevel(QVDEq::kInputMeter, 0), 0.0f);
+
+    for (const bool hostBypass : {false, true}) {
+        SCOPED_TRACE(hostBypass);
+        if (hostBypass) {
+            eq.instance->setParameter(QVDEq::EQ_IN, 1.0f);
+            eq.audio()->setBypass(true);
+        } else {
+            eq.instance->setParameter(QVDEq::EQ_IN, 0.0f);
+            EXPECT_FALSE(eq.plugin->equalizerIn());
+        }
+        eq.audio()->process(nullptr, in.data(), o.data(), 128);
+        for (std::size_t c = 0; c < 2; ++c)
+            EXPECT_EQ(std::memcmp(out[c].data(), input[c].data(), 128 * sizeof(float)), 0);
+        for (int c = 0; c < 2; ++c) {
+            EXPECT_EQ(eq.plugin->meterLevel(QVDEq::kInputMeter, c), 0.0f);
+            EXPECT_EQ(eq.plugin->meterLevel(QVDEq::kOutputMeter, c), 0.0f);
+        }
+        double db[2] = {0, 0};
+        eq.instance->responseCurve(std::array<double, 2>{100.0, 7000.0}.data(), db, 2);
+        EXPECT_EQ(db[0], 0.0);
+        EXPECT_EQ(db[1], 0.0);
+    }
+    eq.audio()->setBypass(false);
+
+    // Back in, the bands start from silence: the output is a fresh equaliser's.
+    Eq fresh;
+    ASSERT_TRUE(fresh.prepare(48000.0f, 128, 2, 2));
+    apply(fresh, Setting{});
+    auto a = noise(2, 128, 4), b = a;
+    auto pa = pointers(a), pb = pointers(b);
+    eq.audio()->process(nullptr, pa.data(), pa.data(), 128);
+    fresh.audio()->process(nullptr, pb.data(), pb.data(), 128);
+    EXPECT_EQ(a, b);
+    // A NaN leaves the switch where it was.
+    eq.instance->setParameter(QVDEq::EQ_IN, std::numeric_limits<float>::quiet_NaN());
+    EXPECT_TRUE(eq.plugin->equalizerIn());
+}
+
+TEST(EqProcess, MetersShowInputAndOutputPeaksAndSpareOutputsAreSilent)
+{
+    Eq eq;
+    ASSERT_TRUE(eq.prepare(48000.0f, 64, 1, 2));
+    eq.set(2, QVDEq::kGain, 12.0f); // a bell at 240 Hz
+    std::vector<float> in(64, 0.0f), left(64, 3.0f), right(64, 3.0f);
+    in[0] = -0.5f;
+    in[9] = std::numeric_limits<float>::quiet_NaN(); // the meter looks past it
+    const float* ins[1] = {in.data()};
+    float* outs[2] = {left.data(), right.data()};
+    eq.audio()->process(nullptr, ins, outs, 64);
+    EXPECT_EQ(eq.plugin->meterLevel(QVDEq::kInputMeter, 0), 0.5f);
+    float peak = 0.0f;
+    for (int n = 0; n < 9; ++n)
+        peak = std::max(peak, std::fabs(left[static_cast<std::size_t>(n)]));
+    EXPECT_GE(eq.plugin->meterLevel(QVDEq::kOutputMeter, 0), peak);
+    EXPECT_GT(peak, 0.5f);
+    EXPECT_EQ(right, std::vector<float>(64, 0.0f));
+    EXPECT_EQ(eq.plugin->meterLevel(QVDEq::kOutputMeter, 1), 0.0f);
+    double db[2];
+    EXPECT_EQ(eq.instance->getMeterValues(QVDEq::kInputMeter, db, 2), 1);
+    EXPECT_NEAR(db[0], -6.0206, 1e-3);
+    EXPECT_EQ(eq.instance->getMeterValues(QVDEq::kOutputMeter, db, 2), 2);
+    // The NaN was not allowed to stay in the bands' state.
+    std::fill(in.begin(), in.end(), 0.25f);
+    eq.audio()->process(nullptr, ins, outs, 64);
+    for (const float v : left)
+        ASSERT_TRUE(std::isfinite(v));
+}
+
+TEST(EqProcess, AnyValueForAnyParameterKeepsTheOutputFinite)
+{
+    const float nasty[] = {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+                           -std::numeric_limits<float>::infinity(), 1e38f, -1e38f, -0.0f};
+    for (std::int32_t index = 0; index < 31; ++index) {
+        Eq eq;
+        ASSERT_TRUE(eq.prepare(48000.0f, 64, 2, 2));
+        apply(eq, Setting{});
+        for (const float v : nasty) {
+            EXPECT_TRUE(eq.instance->setParameter(index, v));
+            auto signal = noise(2, 64, static_cast<unsigned>(index));
+            auto io = pointers(signal);
+            eq.audio()->process(nullptr, io.data(), io.data(), 64);
+            for (const auto& ch : signal)
+                for (const float y : ch)
+                    ASSERT_TRUE(std::isfinite(y)) << index << " " << v;
+        }
+    }
+}
+
+TEST(EqProcess, ARateChangeRedesignsTheBandsWithTheirSettings)
+{
+    Eq eq;
+    ASSERT_TRUE(eq.prepare(48000.0f, 64, 2, 2));
+    apply(eq, Setting{});
+    ASSERT_TRUE(eq.prepare(96000.0f, 64, 2, 2));
+    const Setting s;
+    auto bands = referenceBands(s, 96000.0f, 2);
+    for (int b = 0; b < 6; ++b)
+        EXPECT_EQ(std::memcmp(&eq.plugin->band(b).designed(), &bands[static_cast<std::size_t>(b)]->designed(),
+                              sizeof(BiQuadCoefficients)),
+                  0)
+            << b;
+}
+
+// Every kernel variant against the reference, bit for bit, with the states
+// they leave behind, over channel, band and frame counts that reach every
+// tail of the vector loops.
+TEST(EqKernels, EveryVariantMatchesTheReferenceExactly)
+{
+    qvd::eq::Variant variants[8];
+    const int count = qvd::eq::supportedKernels(variants, 8);
+    ASSERT_GE(count, 2);
+    EXPECT_STREQ(variants[0].name, "ref");
+    std::mt19937 rng(7);
+    std::uniform_int_distribution<int> kind(0, 5);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    const int frameCounts[] = {0, 1, 2, 3, 4, 5, 7, 8, 15, 31, 32, 33, 64, 65, 999};
+    for (const int channels : {1, 2, 3, 4, 5, 6, 7, 8, 9, 16}) {
+        for (const int bandCount : {0, 1, 2, 3, 5, 6, 8}) {
+            std::vector<qvd::eq::Band> bands(static_cast<std::size_t>(bandCount));
+            std::vector<std::vector<BiQuadState>> states0(bands.size(), std::vector<BiQuadState>(16));
+            for (std::size_t b = 0; b < bands.size(); ++b) {
+                const std::uint32_t kinds[6] = {2, 3, 5, 6, 7, 10};
+                const double f = 20.0 * std::pow(900.0, unit(rng));
+                bands[b].c = BiQuad::design(kinds[kind(rng)], 48000.0, f, 0.5 + 5.0 * unit(rng),
+                                            std::pow(10.0, (unit(rng) - 0.5) * 40.0 / 20.0));
+                for (auto& s : states0[b])
+                    s = {unit(rng) - 0.5, unit(rng) - 0.5};
+            }
+            for (const int frames : frameCounts) {
+                auto input = noise(channels, static_cast<std::size_t>(frames) + 2,
+                                   static_cast<unsigned>(channels * 100 + bandCount * 10 + frames));
+                std::vector<std::vector<float>> expected;
+                std::vector<std::vector<BiQuadState>> expectedStates;
+                for (int v = 0; v < count; ++v) {
+                    SCOPED_TRACE(testing::Message() << variants[v].name << " channels " << channels << " bands "
+                                                    << bandCount << " frames " << frames);
+                    auto io = input;
+                    auto states = states0;
+                    for (std::size_t b = 0; b < bands.size(); ++b)
+                        bands[b].states = states[b].data();
+                    // Offset by one float so no channel is 16-byte aligned.
+                    auto p = pointers(io, 1);
+                    const qvd::eq::KernelArgs args{p.data(), channels, frames, bands.data(), bandCount};
+                    variants[v].fn(args);
+                    for (std::size_t c = 0; c < io.size(); ++c) {
+                        ASSERT_EQ(io[c][0], input[c][0]);
+                        ASSERT_EQ(io[c].back(), input[c].back());
+                    }
+                    if (v == 0) {
+                        expected = io;
+                        expectedStates = states;
+                        continue;
+                    }
+                    for (std::size_t c = 0; c < io.size(); ++c)
+                        ASSERT_EQ(std::memcmp(io[c].data(), expected[c].data(), io[c].size() * sizeof(float)), 0);
+                    for (std::size_t b = 0; b < states.size(); ++b)
+                        ASSERT_EQ(std::memcmp(states[b].data(), expectedStates[b].data(),
+                                              states[b].size() * sizeof(BiQuadState)),
+                                  0);
+                }
+            }
+        }
+    }
+}
+
+TEST(EqKernels, ThePluginGivesTheSameResultWithEveryVariant)
+{
+    qvd::eq::Variant variants[8];
+    const int count = qvd::eq::supportedKernels(variants, 8);
+    for (const int channels : {1, 2, 6, 16}) {
+        std::vector<std::vector<float>> reference;
+        for (int v = 0; v < count; ++v) {
+            Eq eq;
+            eq.plugin->setKernel(variants[v]);
+            EXPECT_STREQ(eq.plugin->kernelName(), variants[v].name);
+            ASSERT_TRUE(eq.prepare(44100.0f, 100, channels, channels));
+            apply(eq, Setting{});
+            auto signal = noise(channels, 1000, 6);
+            for (int done = 0; done < 1000; done += 100) {
+                if (done == 300)
+                    eq.set(3, QVDEq::kFreq, 5000.0f);
+                if (done == 600)
+                    eq.set(1, QVDEq::kIn, 0.0f);
+                auto p = pointers(signal, static_cast<std::size_t>(done));
+                eq.audio()->process(nullptr, p.data(), p.data(), 100);
+            }
+            if (v == 0)
+                reference = signal;
+            else
+                EXPECT_EQ(signal, reference) << variants[v].name << " channels " << channels;
+        }
+    }
+}
+
+TEST(EqResponse, IsTheSumOfTheBandsActualResponses)
+{
+    Eq eq;
+    std::vector<double> freqs = {20.0, 60.0, 180.0, 700.0, 1000.0, 2500.0, 7000.0, 15000.0, 20000.0};
+    std::vector<double> db(freqs.size(), 1.0);
+    EXPECT_EQ(eq.instance->responseCurve(freqs.data(), db.data(), static_cast<std::int32_t>(freqs.size())), 0);
+    ASSERT_TRUE(eq.prepare(48000.0f, 64, 2, 2));
+    const Setting s;
+    apply(eq, s);
+    ASSERT_EQ(eq.instance->responseCurve(freqs.data(), db.data(), static_cast<std::int32_t>(freqs.size())),
+              static_cast<std::int32_t>(freqs.size()));
+    auto bands = referenceBands(s, 48000.0f, 2);
+    for (std::size_t i = 0; i < freqs.size(); ++i) {
+        long double expected = 0.0L;
+        for (const auto& band : bands) {
+            const BiQuadCoefficients& c = band->designed();
+            const long double w = 2.0L * 3.14159265358979323846L * freqs[i] / 48000.0L;
+            const std::complex<long double> z1 = std::polar(1.0L, -w);
+            const long double g = c.gain, n1 = c.num1, n2 = c.num2, d1 = c.den1, d2 = c.den2;
+            const auto h = g * (1.0L + n1 * z1 + n2 * z1 * z1) / (1.0L - d1 * z1 - d2 * z1 * z1);
+            expected += 20.0L * std::log10(std::abs(h));
+        }
+        EXPECT_NEAR(db[i], static_cast<double>(expected), 1e-9) << freqs[i];
+    }
+    // The bell of band 3 at its own frequency, alone.
+    Eq one;
+    ASSERT_TRUE(one.prepare(48000.0f, 64, 2, 2));
+    one.set(1, QVDEq::kIn, 0.0f);
+    one.set(3, QVDEq::kIn, 0.0f);
+    one.set(4, QVDEq::kIn, 0.0f);
+    one.set(2, QVDEq::kGain, 6.0f);
+    one.set(2, QVDEq::kFreq, 1000.0f);
+    double at1k = 0.0;
+    const double f1k = 1000.0;
+    ASSERT_EQ(one.instance->responseCurve(&f1k, &at1k, 1), 1);
+    EXPECT_NEAR(at1k, 6.0, 1e-9);
+}
+
+} // namespace
