@@ -26,6 +26,9 @@
 // The detector ignores NaN samples; an infinite sample is measured as FLT_MAX
 // and the envelope restarts from the threshold at the end of that block, so one
 // bad sample cannot hold the gain down for seconds.
+//
+// Time coefficients follow the rate given to initialise; setSampleRate only
+// stores the rate, so set the time parameters again after it.
 
 #include <QVDAudioAlgorithm.h>
 

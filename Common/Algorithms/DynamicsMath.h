@@ -13,7 +13,7 @@
 namespace qvd::dynamics {
 
 // Levels and gains in dB are kept inside +-400 dB: far beyond any setting that
-// means something, and small enough that 10^(dB/20) of a sum of two stays finite.
+// means something, and every derived level stays finite.
 constexpr float kDbLimit = 400.0f;
 // Detector floor, 1e-5 (-100 dB): silence never reaches log10.
 constexpr float kLevelFloor = 1e-5f;

@@ -6,6 +6,7 @@
 
 #include <cfloat>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 
 namespace qvd::dynamics {

@@ -17,6 +17,9 @@
 // The level is measured from FLT_MIN (a frame of zeros or NaNs reads as the
 // floor, as the log10 of silence would); an infinite sample reads as FLT_MAX
 // and the envelope restarts at the end of that block.
+//
+// Time coefficients follow the rate given to initialise; setSampleRate only
+// stores the rate, so set the time parameters again after it.
 
 #include <QVDAudioAlgorithm.h>
 

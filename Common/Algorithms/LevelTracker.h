@@ -12,6 +12,9 @@
 // block after initialise or reset is processed (silence, never a stale level).
 // NaN samples are ignored; an infinite sample restarts the envelope at the
 // floor at the end of its block.
+//
+// Time coefficients follow the rate given to initialise; setSampleRate only
+// stores the rate, so set the time parameters again after it.
 
 #include <QVDAudioAlgorithm.h>
 

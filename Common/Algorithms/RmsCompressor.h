@@ -24,6 +24,9 @@
 // edge in force when the first block after initialise or reset is processed,
 // so the first frames pass with the make-up only. Non-finite mean squares are
 // cleared at the end of a block; an infinite sample restarts the envelope.
+//
+// Time coefficients follow the rate given to initialise; setSampleRate only
+// stores the rate, so set the time parameters again after it.
 
 #include <QVDAudioAlgorithm.h>
 
