@@ -37,6 +37,11 @@ qv_fft::~qv_fft() = default;
 void qv_fft::analyse(const float* in) noexcept
 {
     const std::size_t wl = wlength();
+    // A whole-frame rectangular window leaves nothing to do but transform.
+    if (m_UnitWindow && wl == size()) {
+        m_Forward->forward(in, m_Spectrum.data());
+        return;
+    }
     if (m_UnitWindow)
         std::copy_n(in, wl, m_Time.data());
     else
@@ -96,10 +101,14 @@ void qv_fft::inverse(std::span<float> p_OutSamples) noexcept
         std::fill(p_OutSamples.begin(), p_OutSamples.end(), 0.0f);
         return;
     }
-    synthesise();
     const float g = synthesis_gain();
     const std::size_t wl = wlength();
     float* out = p_OutSamples.data();
+    if (m_UnitWindow && g == 1.0f && wl == size()) {
+        m_Inverse->inverse_consuming(m_Spectrum.data(), out);
+        return;
+    }
+    synthesise();
     if (m_UnitWindow)
         for (std::size_t i = 0; i < wl; ++i)
             out[i] = m_Time[i] * g;

@@ -69,7 +69,9 @@ public:
     void forward(std::span<const float> p_InSamples, std::span<complex_t> p_OutSpectrum) noexcept;
 
     // Synthesis [audio-thread]: transforms spectrum() back and multiplies the
-    // first wlength() samples by the window and the synthesis gain.
+    // first wlength() samples by the window and the synthesis gain. The
+    // transform uses spectrum() as scratch: it holds unspecified values
+    // afterwards (analyse again, or keep a copy, to read it).
     // Writes exactly wlength() samples.
     void inverse(std::span<float> p_OutSamples) noexcept;
     // Adds the frame to the first wlength() samples (overlap-add).

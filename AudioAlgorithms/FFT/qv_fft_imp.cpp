@@ -68,7 +68,7 @@ void qv_fft_imp::execute() noexcept
     if (m_Direction == Direction::Forward)
         do_forward(m_BoundTime, m_BoundFreq);
     else
-        do_inverse(m_BoundFreq, m_BoundTime);
+        do_inverse_consuming(m_BoundFreq, m_BoundTime);
 }
 
 void qv_fft_imp::forward(const float* in, complex_t* out) noexcept
@@ -83,6 +83,13 @@ void qv_fft_imp::inverse(const complex_t* in, float* out) noexcept
     QVD_ASSERT(m_Direction == Direction::Inverse);
     if (m_Direction == Direction::Inverse)
         do_inverse(in, out);
+}
+
+void qv_fft_imp::inverse_consuming(complex_t* in, float* out) noexcept
+{
+    QVD_ASSERT(m_Direction == Direction::Inverse);
+    if (m_Direction == Direction::Inverse)
+        do_inverse_consuming(in, out);
 }
 
 void qv_fft_imp::multiply(const complex_t* a, complex_t* b, std::size_t nonzero_nfreq) const noexcept

@@ -82,6 +82,10 @@ public:
     // [audio-thread] Inverse objects only: nfreq() slots at `in` (left as they
     // are) to size() samples at `out`. Any alignment; no overlap.
     void inverse(const complex_t* in, float* out) noexcept;
+    // [audio-thread] As inverse(), but `in` may serve as scratch and holds
+    // unspecified values afterwards; saves a copy of the spectrum on back ends
+    // whose inverse overwrites its input. execute() works this way.
+    void inverse_consuming(complex_t* in, float* out) noexcept;
 
     // [audio-thread] b := b * a over the first nonzero_nfreq bins, in this
     // object's layout; the other bins of b are left as they are. In the packed
@@ -94,6 +98,7 @@ protected:
 
     virtual void do_forward(const float* in, complex_t* out) noexcept = 0;
     virtual void do_inverse(const complex_t* in, float* out) noexcept = 0;
+    virtual void do_inverse_consuming(complex_t* in, float* out) noexcept { do_inverse(in, out); }
 
     // The layout-aware product shared by the back ends.
     void spectral_product(const complex_t* a, complex_t* b, std::size_t nonzero_nfreq) const noexcept;

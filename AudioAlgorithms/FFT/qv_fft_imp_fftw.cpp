@@ -80,6 +80,14 @@ std::shared_ptr<const FftwPlan> AcquirePlan(std::size_t size, Direction directio
     return slot;
 }
 
+// A real signal has none; FFTW's complex-to-real codelets happen to skip them,
+// but nothing promises that for every algorithm it may pick.
+void ClearDcNyquistImag(complex_t* s, std::size_t half) noexcept
+{
+    s[0].imag(0.0f);
+    s[half].imag(0.0f);
+}
+
 bool FftwAligned(const void* p) noexcept
 {
     return fftwf_alignment_of(static_cast<float*>(const_cast<void*>(p))) == 0;
@@ -140,6 +148,7 @@ void qv_fft_imp_fftw::inverse_ordered(const complex_t* in, float* out) noexcept
     if (m_Direction != Direction::Inverse)
         return;
     std::copy_n(in, nfreq(), m_WorkFreq.data());
+    ClearDcNyquistImag(m_WorkFreq.data(), m_Size / 2);
     c2r_from_work(out);
 }
 
@@ -158,9 +167,22 @@ void qv_fft_imp_fftw::do_inverse(const complex_t* in, float* out) noexcept
     } else {
         std::copy_n(in, half, m_WorkFreq.data());
         m_WorkFreq[half] = complex_t(in[0].imag(), 0.0f);
-        m_WorkFreq[0].imag(0.0f);
     }
+    ClearDcNyquistImag(m_WorkFreq.data(), half);
     c2r_from_work(out);
+}
+
+void qv_fft_imp_fftw::do_inverse_consuming(complex_t* in, float* out) noexcept
+{
+    if (!FftwAligned(in) || !FftwAligned(out)) {
+        do_inverse(in, out);
+        return;
+    }
+    const std::size_t half = m_Size / 2;
+    if (!m_ordered)
+        in[half] = complex_t(in[0].imag(), 0.0f);
+    ClearDcNyquistImag(in, half);
+    fftwf_execute_dft_c2r(m_Plan->plan, reinterpret_cast<fftwf_complex*>(in), out);
 }
 
 } // namespace twa::fft

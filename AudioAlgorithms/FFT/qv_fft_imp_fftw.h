@@ -39,6 +39,7 @@ public:
 private:
     void do_forward(const float* in, complex_t* out) noexcept override;
     void do_inverse(const complex_t* in, float* out) noexcept override;
+    void do_inverse_consuming(complex_t* in, float* out) noexcept override;
     void r2c(const float* in, complex_t* out) noexcept;
     void c2r_from_work(float* out) noexcept;
 
