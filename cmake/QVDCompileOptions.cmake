@@ -26,3 +26,10 @@ if(QVD_SANITIZE)
                          -fno-sanitize-recover=all)
   target_link_options(qvd_options INTERFACE -fsanitize=${QVD_SANITIZE})
 endif()
+
+# Fuzzing builds (clang only): coverage instrumentation everywhere; the fuzz
+# targets link libFuzzer's main.
+option(QVD_FUZZ "Build the libFuzzer targets (needs clang)" OFF)
+if(QVD_FUZZ)
+  target_compile_options(qvd_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()

@@ -18,6 +18,7 @@
 #include "PluginChain.h"
 #include "PluginLibrary.h"
 #include "Progress.h"
+#include "Qvdfx.h"
 #include "SignalGenerator.h"
 
 using namespace qvdfx;
@@ -604,9 +605,8 @@ int commandBench(qvd::PluginInterface& registry, Arguments args)
 
 } // namespace
 
-int main(int argc, char** argv)
+int qvdfx::runCommandLine(std::vector<std::string> words)
 {
-    std::vector<std::string> words(argv + 1, argv + argc);
     std::string libraryPath = PluginLibrary::defaultPath();
     if (words.size() >= 2 && words[0] == "--library") {
         libraryPath = words[1];
