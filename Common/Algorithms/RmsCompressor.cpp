@@ -167,13 +167,15 @@ RmsCompressor::Knee RmsCompressor::loadKnee() const noexcept
 
 float RmsCompressor::gainFor(const Knee& k, float e) noexcept
 {
+    // Comparisons rather than std::fmax, which is a library call here; a NaN
+    // y still gives the floor.
     if (e >= k.upper) {
         const float y = (e - k.centre) * k.invRatio - (e - k.centre);
-        return std::fmax(y, kGainFloor);
+        return y > kGainFloor ? y : kGainFloor;
     }
     if (e >= k.lower) {
         const float y = k.radius * std::sin((e - k.lower) * k.thetaPerWidth) - (e - k.lower);
-        return std::fmax(y, kGainFloor);
+        return y > kGainFloor ? y : kGainFloor;
     }
     return 0.0f;
 }
@@ -222,8 +224,10 @@ bool RmsCompressor::processChannels(float* const* channels, std::uint32_t frames
                 ms1 = kd * ms1 + ckd * (a1 * a1);
                 const auto s0 = static_cast<float>(std::sqrt(ms0));
                 const auto s1 = static_cast<float>(std::sqrt(ms1));
-                level[i] = s0 > level[i] ? s0 : level[i];
-                level[i] = s1 > level[i] ? s1 : level[i];
+                float m = level[i];
+                m = s0 > m ? s0 : m;
+                m = s1 > m ? s1 : m;
+                level[i] = m;
             }
             m_meanSquare[static_cast<std::size_t>(c)] = ms0;
             m_meanSquare[static_cast<std::size_t>(c + 1)] = ms1;
