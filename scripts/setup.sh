@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config binutils
   qtbase5-dev qtbase5-dev-tools
   libboost-dev libboost-serialization-dev libboost-container-dev libboost-math-dev
-  libsoxr-dev libpugixml-dev libkissfft-dev libfftw3-dev
+  libsoxr-dev libebur128-dev libpugixml-dev libkissfft-dev libfftw3-dev
   libwebrtc-audio-processing-dev libsndfile1-dev lv2-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   # RealtimeSanitizer runtime for the conformance harness; clang for the fuzzers
