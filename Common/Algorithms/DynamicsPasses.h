@@ -35,6 +35,15 @@ inline void detectInterleaved(const float* detector, std::int32_t stride, std::u
                               float floor, float* __restrict level) noexcept
 {
     const float* d = detector + static_cast<std::size_t>(start) * static_cast<std::size_t>(stride);
+    if (stride == 2) { // stereo, the common case, with a fixed stride the compiler vectorises
+        for (std::int32_t i = 0; i < n; ++i) {
+            const float l = std::fabs(d[2 * i]), r = std::fabs(d[2 * i + 1]);
+            float m = l > floor ? l : floor;
+            m = r > m ? r : m;
+            level[i] = m;
+        }
+        return;
+    }
     for (std::int32_t i = 0; i < n; ++i) {
         float m = floor;
         for (std::int32_t c = 0; c < stride; ++c) {
@@ -73,6 +82,13 @@ inline void applyInterleaved(float* main, std::int32_t stride, std::uint32_t sta
                              const float* __restrict gain) noexcept
 {
     float* x = main + static_cast<std::size_t>(start) * static_cast<std::size_t>(stride);
+    if (stride == 2) {
+        for (std::int32_t i = 0; i < n; ++i) {
+            x[2 * i] *= gain[i];
+            x[2 * i + 1] *= gain[i];
+        }
+        return;
+    }
     for (std::int32_t i = 0; i < n; ++i)
         for (std::int32_t c = 0; c < stride; ++c)
             x[static_cast<std::size_t>(i) * static_cast<std::size_t>(stride) + static_cast<std::size_t>(c)] *= gain[i];

@@ -230,26 +230,45 @@ TEST(Compressor, SidechainKeysTheMainChannels)
 TEST(Compressor, LinkedFormsAgreeAndTheMixedFormIsRefused)
 {
     const auto a = noise(3000, 0.8f, 1), b = sine(0.5f, 123.0f, 3000);
-    // Planar stereo.
-    Compressor planar;
-    planar.initialise(kRate, 2);
-    auto pa = a, pb = b;
-    float* pc[] = {pa.data(), pb.data()};
-    ASSERT_TRUE(planar.processChannels(pc, 3000));
-    // Interleaved stereo.
-    Compressor inter;
-    inter.initialise(kRate, 1);
-    inter.setInterleavedChannels(2);
-    std::vector<float> il(6000);
-    for (std::size_t i = 0; i < 3000; ++i) {
-        il[2 * i] = a[i];
-        il[2 * i + 1] = b[i];
-    }
-    float* ic[] = {il.data()};
-    ASSERT_TRUE(inter.processChannels(ic, 3000));
-    for (std::size_t i = 0; i < 3000; ++i) {
-        ASSERT_EQ(il[2 * i], pa[i]);
-        ASSERT_EQ(il[2 * i + 1], pb[i]);
+    std::vector<float> pb; // channel b after linked stereo
+    for (std::size_t n : {2u, 3u}) {
+        for (bool side : {false, true}) {
+            SCOPED_TRACE(testing::Message() << n << " channels, side-chain " << side);
+            std::vector<std::vector<float>> main, key;
+            for (std::size_t c = 0; c < n; ++c) {
+                main.push_back(c == 1 ? b : noise(3000, 0.8f, 1 + static_cast<std::uint32_t>(c)));
+                key.push_back(noise(3000, 1.0f, 10 + static_cast<std::uint32_t>(c)));
+            }
+            // Planar: n buffers, then n side-chain buffers.
+            Compressor planar;
+            planar.initialise(kRate, static_cast<std::int32_t>(n));
+            planar.setParameter(Compressor::SIDECHAIN_ON, side ? 1.0f : 0.0f);
+            auto pm = main, pk = key;
+            std::vector<float*> pc;
+            for (auto& v : pm)
+                pc.push_back(v.data());
+            for (auto& v : pk)
+                pc.push_back(v.data());
+            ASSERT_TRUE(planar.processChannels(pc.data(), 3000));
+            // Interleaved: one buffer of n channels, its side-chain interleaved the same way.
+            Compressor inter;
+            inter.initialise(kRate, 1);
+            inter.setInterleavedChannels(static_cast<std::int32_t>(n));
+            inter.setParameter(Compressor::SIDECHAIN_ON, side ? 1.0f : 0.0f);
+            std::vector<float> il(3000 * n), kl(3000 * n);
+            for (std::size_t i = 0; i < 3000; ++i)
+                for (std::size_t c = 0; c < n; ++c) {
+                    il[n * i + c] = main[c][i];
+                    kl[n * i + c] = key[c][i];
+                }
+            float* ic[] = {il.data(), kl.data()};
+            ASSERT_TRUE(inter.processChannels(ic, 3000));
+            for (std::size_t i = 0; i < 3000; ++i)
+                for (std::size_t c = 0; c < n; ++c)
+                    ASSERT_EQ(il[n * i + c], pm[c][i]) << i;
+            if (n == 2 && !side)
+                pb = pm[1];
+        }
     }
     // The loudest channel drives both: channel b alone would be compressed less.
     Compressor mono;
