@@ -21,7 +21,6 @@ namespace {
 using PlanKey = std::tuple<std::size_t, Direction, PlannerRigor>;
 
 struct PlanCache {
-    std::mutex mutex;
     std::map<PlanKey, std::shared_ptr<const FftwPlan>> plans;
 };
 
@@ -49,7 +48,7 @@ std::shared_ptr<const FftwPlan> AcquirePlan(std::size_t size, Direction directio
 {
     const PlannerRigor rigor = GetPlannerRigor();
     PlanCache& cache = Cache();
-    std::lock_guard<std::mutex> lock(cache.mutex);
+    std::lock_guard<std::mutex> lock(FftwPlannerMutex());
     auto& slot = cache.plans[PlanKey{size, direction, rigor}];
     if (slot)
         return slot;
@@ -95,6 +94,13 @@ bool FftwAligned(const void* p) noexcept
 
 } // namespace
 
+std::mutex& FftwPlannerMutex()
+{
+    // Never destroyed, like the plans it guards.
+    static std::mutex* mutex = new std::mutex;
+    return *mutex;
+}
+
 qv_fft_imp_fftw::qv_fft_imp_fftw(std::size_t size, Direction direction, bool ordered, float* time,
                                  complex_t* freq)
     : qv_fft_imp(size, direction, ordered, time, freq), m_Plan(AcquirePlan(size, direction)),
@@ -106,9 +112,8 @@ qv_fft_imp_fftw::~qv_fft_imp_fftw() = default;
 
 std::size_t qv_fft_imp_fftw::cached_plan_count()
 {
-    PlanCache& cache = Cache();
-    std::lock_guard<std::mutex> lock(cache.mutex);
-    return cache.plans.size();
+    std::lock_guard<std::mutex> lock(FftwPlannerMutex());
+    return Cache().plans.size();
 }
 
 void qv_fft_imp_fftw::r2c(const float* in, complex_t* out) noexcept

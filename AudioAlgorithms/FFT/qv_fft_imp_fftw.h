@@ -14,10 +14,15 @@
 #include "FFT/qv_fft_imp.h"
 
 #include <memory>
+#include <mutex>
 
 namespace twa::fft {
 
 struct FftwPlan;
+
+// [control-thread] The lock that serialises FFTW planning in this process.
+// Code elsewhere that plans or destroys FFTW plans of its own must hold it.
+std::mutex& FftwPlannerMutex();
 
 class qv_fft_imp_fftw final : public qv_fft_imp {
 public:

@@ -51,7 +51,8 @@ TEST_F(EstimatePlans, FftwProductMatchesDirectMultiplyForEveryCount)
         for (const auto order : {SpectrumOrder::Ordered, SpectrumOrder::Packed}) {
             qv_fft f(n, n, kWindowRectangular, order, Backend::Fftw);
             const std::size_t nfreq = f.nfreq();
-            for (const std::size_t nz : {std::size_t{0}, std::size_t{1}, std::size_t{2}, nfreq / 2, nfreq - 1, nfreq})
+            const std::size_t counts[] = {0, 1, 2, nfreq / 2, nfreq - 1, nfreq};
+            for (const std::size_t nz : counts)
                 checkProduct(f, nz);
         }
     }

@@ -48,7 +48,8 @@ TEST(FftWindows, SquareRootWindowsSquareToTheirParents)
 {
     for (const std::size_t N : {64u, 1000u}) {
         const sample_vector hann = MakeWindow(N, kWindowHann), root = MakeWindow(N, kWindowSqrtHann);
-        const sample_vector taper = MakeWindow(N, kWindowTapered), rootTaper = MakeWindow(N, kWindowSqrtTapered);
+        const sample_vector taper = MakeWindow(N, kWindowTapered);
+        const sample_vector rootTaper = MakeWindow(N, kWindowSqrtTapered);
         for (std::size_t i = 0; i < N; ++i) {
             ASSERT_GE(root[i], 0.0f);
             ASSERT_NEAR(root[i] * root[i], hann[i], 1e-6) << i;
