@@ -257,10 +257,11 @@ std::string expectedChoice(PolyphaseFamily fam, std::size_t c, std::int32_t leve
                      : "";
         return v.empty() ? "Upsampler_x8_Algo_Ref" : "Upsampler_x8_Algo_" + v;
     case PolyphaseFamily::Down2:
-        v = (c == 1 || c == 2) && sse2 ? std::string(c == 1 ? "c1_m128" : "c2_m128") + (fma ? "_fma" : "") : "";
+        v = (c == 1 || c == 2) && sse2 ? std::string(c == 1 ? "c1_" : "c2_") + (avx ? "m256" : "m128") + (fma ? "_fma" : "")
+                                       : "";
         return v.empty() ? "Downsampler_x2_Algo_Ref" : "Downsampler_x2_Algo_" + v;
     case PolyphaseFamily::Down4:
-        v = c == 1 && sse2 ? std::string("c1_m128") + (fma ? "_fma" : "") : "";
+        v = c == 1 && sse2 ? std::string("c1_") + (avx ? "m256" : "m128") + (fma ? "_fma" : "") : "";
         return v.empty() ? "Downsampler_x4_Algo_Ref" : "Downsampler_x4_Algo_" + v;
     }
     return "?";

@@ -62,7 +62,16 @@ const float* Upsampler_x4_c1_FIR(const float*, std::size_t, const float*, float*
 const float* Upsampler_x4_c2_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;
 const float* Upsampler_x8_c1_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;
 const float* Upsampler_x8_c2_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;
+const float* Downsampler_x2_c1_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;
+const float* Downsampler_x2_c2_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;
+const float* Downsampler_x4_c1_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;
 } // namespace m256
+
+namespace m256_fma {
+const float* Downsampler_x2_c1_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;
+const float* Downsampler_x2_c2_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;
+const float* Downsampler_x4_c1_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;
+} // namespace m256_fma
 
 namespace m256_avx2 {
 const float* Upsampler_x8_c1_FIR(const float*, std::size_t, const float*, float*, std::size_t) noexcept;

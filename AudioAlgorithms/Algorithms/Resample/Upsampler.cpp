@@ -66,6 +66,10 @@ TWA_DEFINE_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c1_m256, "Upsampler_x2_Algo_c1_
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c1_m128, "Upsampler_x2_Algo_c1_m128", 16, 16, 1, kIsaSSE2, false, SSE2)
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c2_m256, "Upsampler_x2_Algo_c2_m256", 32, 16, 2, kIsaAVX, false, AVX)
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c2_m128, "Upsampler_x2_Algo_c2_m128", 16, 8, 2, kIsaSSE2, false, SSE2)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c1_m256_fma, "Downsampler_x2_Algo_c1_m256_fma", 32, 64, 1, kIsaAVX, true, FMA)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c1_m256, "Downsampler_x2_Algo_c1_m256", 32, 64, 1, kIsaAVX, false, AVX)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c2_m256_fma, "Downsampler_x2_Algo_c2_m256_fma", 32, 32, 2, kIsaAVX, true, FMA)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c2_m256, "Downsampler_x2_Algo_c2_m256", 32, 32, 2, kIsaAVX, false, AVX)
 TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c1_m128_fma, "Downsampler_x2_Algo_c1_m128_fma", 16, 32, 1, kIsaSSE2, true, FMA)
 TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c1_m128, "Downsampler_x2_Algo_c1_m128", 16, 32, 1, kIsaSSE2, false, SSE2)
 TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c2_m128_fma, "Downsampler_x2_Algo_c2_m128_fma", 16, 16, 2, kIsaSSE2, true, FMA)
@@ -74,6 +78,8 @@ TWA_DEFINE_POLYPHASE_INFO(Upsampler_x4_Algo_Info_c1_m256, "Upsampler_x4_Algo_c1_
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x4_Algo_Info_c1_m128, "Upsampler_x4_Algo_c1_m128", 16, 8, 1, kIsaSSE2, false, SSE2)
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x4_Algo_Info_c2_m256, "Upsampler_x4_Algo_c2_m256", 32, 8, 2, kIsaAVX, false, AVX)
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x4_Algo_Info_c2_m128, "Upsampler_x4_Algo_c2_m128", 16, 4, 2, kIsaSSE2, false, SSE2)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x4_Algo_Info_c1_m256_fma, "Downsampler_x4_Algo_c1_m256_fma", 32, 64, 1, kIsaAVX, true, FMA)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x4_Algo_Info_c1_m256, "Downsampler_x4_Algo_c1_m256", 32, 64, 1, kIsaAVX, false, AVX)
 TWA_DEFINE_POLYPHASE_INFO(Downsampler_x4_Algo_Info_c1_m128_fma, "Downsampler_x4_Algo_c1_m128_fma", 16, 32, 1, kIsaSSE2, true, FMA)
 TWA_DEFINE_POLYPHASE_INFO(Downsampler_x4_Algo_Info_c1_m128, "Downsampler_x4_Algo_c1_m128", 16, 32, 1, kIsaSSE2, false, SSE2)
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x8_Algo_Info_c1_m256_avx2, "Upsampler_x8_Algo_c1_m256_avx2", 32, 8, 1, kIsaAVX2, false, AVX2)
@@ -186,6 +192,18 @@ using Upsampler_x2_Algo_c2_m256 =
 using Upsampler_x2_Algo_c2_m128 =
     AlgoUpsamplerSpecialized<KernelAlgo<AlgoUpsampler_x2, &m128::Upsampler_x2_c2_FIR, 2>, Upsampler_x2_Algo_Info_c2_m128>;
 
+using Downsampler_x2_Algo_c1_m256_fma =
+    AlgoDownsamplerSpecialized<KernelAlgo<AlgoDownsampler_x2, &m256_fma::Downsampler_x2_c1_FIR, 1>,
+                               Downsampler_x2_Algo_Info_c1_m256_fma>;
+using Downsampler_x2_Algo_c1_m256 =
+    AlgoDownsamplerSpecialized<KernelAlgo<AlgoDownsampler_x2, &m256::Downsampler_x2_c1_FIR, 1>,
+                               Downsampler_x2_Algo_Info_c1_m256>;
+using Downsampler_x2_Algo_c2_m256_fma =
+    AlgoDownsamplerSpecialized<KernelAlgo<AlgoDownsampler_x2, &m256_fma::Downsampler_x2_c2_FIR, 2>,
+                               Downsampler_x2_Algo_Info_c2_m256_fma>;
+using Downsampler_x2_Algo_c2_m256 =
+    AlgoDownsamplerSpecialized<KernelAlgo<AlgoDownsampler_x2, &m256::Downsampler_x2_c2_FIR, 2>,
+                               Downsampler_x2_Algo_Info_c2_m256>;
 using Downsampler_x2_Algo_c1_m128_fma =
     AlgoDownsamplerSpecialized<KernelAlgo<AlgoDownsampler_x2, &m128_fma::Downsampler_x2_c1_FIR, 1>,
                                Downsampler_x2_Algo_Info_c1_m128_fma>;
@@ -208,6 +226,12 @@ using Upsampler_x4_Algo_c2_m256 =
 using Upsampler_x4_Algo_c2_m128 =
     AlgoUpsamplerSpecialized<KernelAlgo<AlgoUpsampler_x4, &m128::Upsampler_x4_c2_FIR, 2>, Upsampler_x4_Algo_Info_c2_m128>;
 
+using Downsampler_x4_Algo_c1_m256_fma =
+    AlgoDownsamplerSpecialized<KernelAlgo<AlgoDownsampler_x4, &m256_fma::Downsampler_x4_c1_FIR, 1>,
+                               Downsampler_x4_Algo_Info_c1_m256_fma>;
+using Downsampler_x4_Algo_c1_m256 =
+    AlgoDownsamplerSpecialized<KernelAlgo<AlgoDownsampler_x4, &m256::Downsampler_x4_c1_FIR, 1>,
+                               Downsampler_x4_Algo_Info_c1_m256>;
 using Downsampler_x4_Algo_c1_m128_fma =
     AlgoDownsamplerSpecialized<KernelAlgo<AlgoDownsampler_x4, &m128_fma::Downsampler_x4_c1_FIR, 1>,
                                Downsampler_x4_Algo_Info_c1_m128_fma>;
@@ -273,9 +297,10 @@ const PolyphaseVariant* firstSupported(PolyphaseFamily family, std::size_t chann
 
 std::span<const PolyphaseVariant> PolyphaseVariants(PolyphaseFamily family)
 {
-    // Widest first. The 2-channel kernels of the x2 and x4 upsamplers beyond
-    // the 128-bit ones let stereo oversampling and true-peak meters use
-    // 256-bit lanes. Built on first use, so other static initialisers may ask.
+    // Widest first. The 256-bit downsamplers and the 2-channel kernels of the
+    // x2 and x4 upsamplers beyond the 128-bit ones let stereo oversampling and
+    // true-peak meters use 256-bit lanes. Built on first use, so other static
+    // initialisers may ask.
     static const PolyphaseVariant kUp2[] = {
         {infoOf<Upsampler_x2_Algo_Info_c1_m256>(), &make<Upsampler_x2_Algo_c1_m256>},
         {infoOf<Upsampler_x2_Algo_Info_c1_m128>(), &make<Upsampler_x2_Algo_c1_m128>},
@@ -283,8 +308,12 @@ std::span<const PolyphaseVariant> PolyphaseVariants(PolyphaseFamily family)
         {infoOf<Upsampler_x2_Algo_Info_c2_m128>(), &make<Upsampler_x2_Algo_c2_m128>},
     };
     static const PolyphaseVariant kDown2[] = {
+        {infoOf<Downsampler_x2_Algo_Info_c1_m256_fma>(), &make<Downsampler_x2_Algo_c1_m256_fma>},
+        {infoOf<Downsampler_x2_Algo_Info_c1_m256>(), &make<Downsampler_x2_Algo_c1_m256>},
         {infoOf<Downsampler_x2_Algo_Info_c1_m128_fma>(), &make<Downsampler_x2_Algo_c1_m128_fma>},
         {infoOf<Downsampler_x2_Algo_Info_c1_m128>(), &make<Downsampler_x2_Algo_c1_m128>},
+        {infoOf<Downsampler_x2_Algo_Info_c2_m256_fma>(), &make<Downsampler_x2_Algo_c2_m256_fma>},
+        {infoOf<Downsampler_x2_Algo_Info_c2_m256>(), &make<Downsampler_x2_Algo_c2_m256>},
         {infoOf<Downsampler_x2_Algo_Info_c2_m128_fma>(), &make<Downsampler_x2_Algo_c2_m128_fma>},
         {infoOf<Downsampler_x2_Algo_Info_c2_m128>(), &make<Downsampler_x2_Algo_c2_m128>},
     };
@@ -295,6 +324,8 @@ std::span<const PolyphaseVariant> PolyphaseVariants(PolyphaseFamily family)
         {infoOf<Upsampler_x4_Algo_Info_c2_m128>(), &make<Upsampler_x4_Algo_c2_m128>},
     };
     static const PolyphaseVariant kDown4[] = {
+        {infoOf<Downsampler_x4_Algo_Info_c1_m256_fma>(), &make<Downsampler_x4_Algo_c1_m256_fma>},
+        {infoOf<Downsampler_x4_Algo_Info_c1_m256>(), &make<Downsampler_x4_Algo_c1_m256>},
         {infoOf<Downsampler_x4_Algo_Info_c1_m128_fma>(), &make<Downsampler_x4_Algo_c1_m128_fma>},
         {infoOf<Downsampler_x4_Algo_Info_c1_m128>(), &make<Downsampler_x4_Algo_c1_m128>},
     };

@@ -1,0 +1,16 @@
+// Downsampler_x2_c2 kernel built for 256-bit FMA.
+#define TWA_ISA m256_fma
+#define TWA_RESAMPLE_LANES 8
+#include "System/simd/twa_simd_m256.h"
+
+#include "Algorithms/Resample/ResampleKernels.h"
+#include "Algorithms/Resample/ResampleSimd.h"
+
+namespace twa::numeric::TWA_ISA {
+
+const float* Downsampler_x2_c2_FIR(const float* h, std::size_t taps, const float* in, float* out, std::size_t frames) noexcept
+{
+    return polyphase::downsample<2, 2>(h, taps, in, out, frames);
+}
+
+} // namespace twa::numeric::TWA_ISA
