@@ -1,5 +1,6 @@
 #include "QVDGainKernel.h"
 
+#include <algorithm>
 #include <cmath>
 
 #include <System/twa_cpuinfo_x86.h>
@@ -25,6 +26,37 @@ void scalarChannel(const KernelArgs& args, std::int32_t c, std::int32_t from) no
     }
     args.state[c] = state;
     args.peak[c] = peak;
+}
+
+void gatherLanes(const KernelArgs& args, int first, int channels, int lanes, Lanes& l) noexcept
+{
+    for (int i = 0; i < lanes; ++i) {
+        const bool real = i < channels;
+        const int c = first + i;
+        l.in[i] = real ? args.inputs[c] : args.padIn;
+        l.out[i] = real ? args.outputs[c] : args.padOut;
+        l.state[i] = real ? args.state[c] : 0.0;
+        l.bt[i] = real ? args.bt[c] : 0.0;
+        l.peak[i] = real ? args.peak[c] : 0.0f;
+    }
+}
+
+void scatterLanes(const KernelArgs& args, int first, int channels, const Lanes& l, int vectorFrames) noexcept
+{
+    for (int i = 0; i < channels; ++i) {
+        args.state[first + i] = l.state[i];
+        args.peak[first + i] = l.peak[i];
+        if (vectorFrames < args.frames)
+            scalarChannel(args, first + i, vectorFrames);
+    }
+}
+
+void forEachGroup(const KernelArgs& args, int group, void (*run)(const KernelArgs&, int, int) noexcept) noexcept
+{
+    if (args.frames <= 0)
+        return;
+    for (int first = 0; first < args.channels; first += group)
+        run(args, first, std::min(group, args.channels - first));
 }
 
 void kernel_ref(const KernelArgs& args) noexcept

@@ -33,6 +33,21 @@ namespace m256 { void kernel(const KernelArgs& args) noexcept; }
 // The scalar tail every variant shares: frames [from, frames) of channel c.
 void scalarChannel(const KernelArgs& args, std::int32_t c, std::int32_t from) noexcept;
 
+// Lane bookkeeping the vector variants share, compiled for the baseline.
+// Lanes past the last channel read padIn and write padOut with zero state.
+struct Lanes {
+    const float* in[64];
+    float* out[64];
+    double state[64];
+    double bt[64];
+    float peak[64];
+};
+void gatherLanes(const KernelArgs& args, int first, int channels, int lanes, Lanes& l) noexcept;
+// Hands lane results back to channels and runs the frames the vectors left.
+void scatterLanes(const KernelArgs& args, int first, int channels, const Lanes& l, int vectorFrames) noexcept;
+// Calls run(args, first, count) for groups of at most `group` channels.
+void forEachGroup(const KernelArgs& args, int group, void (*run)(const KernelArgs&, int, int) noexcept) noexcept;
+
 struct Variant {
     const char* name;
     KernelFn fn;

@@ -6,7 +6,7 @@
 namespace qvd::gain::m128 {
 namespace {
 constexpr int kLanes = 2;
-constexpr int kMaxTiles = 32;
+constexpr int kMaxTiles = 32; // 64 lanes, the size of Lanes
 
 __m128d step(__m128d s, __m128d a, __m128d b)
 {
@@ -16,28 +16,16 @@ __m128d step(__m128d s, __m128d a, __m128d b)
 void run(const KernelArgs& args, int first, int channels) noexcept
 {
     const int tiles = (channels + kLanes - 1) / kLanes;
-    const float* in[kMaxTiles * kLanes];
-    float* out[kMaxTiles * kLanes];
-    alignas(16) double stateLanes[kMaxTiles * kLanes];
-    alignas(16) double btLanes[kMaxTiles * kLanes];
-    alignas(16) float peakLanes[kMaxTiles * kLanes + 2];
-    for (int i = 0; i < tiles * kLanes; ++i) {
-        const bool real = i < channels;
-        const int c = first + i;
-        in[i] = real ? args.inputs[c] : args.padIn;
-        out[i] = real ? args.outputs[c] : args.padOut;
-        stateLanes[i] = real ? args.state[c] : 0.0;
-        btLanes[i] = real ? args.bt[c] : 0.0;
-        peakLanes[i] = real ? args.peak[c] : 0.0f;
-    }
+    alignas(16) Lanes l;
+    gatherLanes(args, first, channels, tiles * kLanes, l);
 
     __m128d state[kMaxTiles];
     __m128d bt[kMaxTiles];
     __m128 peak[kMaxTiles]; // lanes 0 and 1 carry the two channels
     for (int t = 0; t < tiles; ++t) {
-        state[t] = _mm_load_pd(stateLanes + t * kLanes);
-        bt[t] = _mm_load_pd(btLanes + t * kLanes);
-        peak[t] = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(peakLanes + t * kLanes)));
+        state[t] = _mm_loadu_pd(l.state + t * kLanes);
+        bt[t] = _mm_loadu_pd(l.bt + t * kLanes);
+        peak[t] = _mm_castpd_ps(_mm_load_sd(reinterpret_cast<const double*>(l.peak + t * kLanes)));
     }
     const __m128d a = _mm_set1_pd(args.a);
     const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
@@ -45,8 +33,8 @@ void run(const KernelArgs& args, int first, int channels) noexcept
 
     for (int n = 0; n < vectorFrames; n += 4) {
         for (int t = 0; t < tiles; ++t) {
-            const __m128 r0 = _mm_loadu_ps(in[t * kLanes] + n);
-            const __m128 r1 = _mm_loadu_ps(in[t * kLanes + 1] + n);
+            const __m128 r0 = _mm_loadu_ps(l.in[t * kLanes] + n);
+            const __m128 r1 = _mm_loadu_ps(l.in[t * kLanes + 1] + n);
             const __m128 lo = _mm_unpacklo_ps(r0, r1); // c0f0 c1f0 c0f1 c1f1
             const __m128 hi = _mm_unpackhi_ps(r0, r1); // c0f2 c1f2 c0f3 c1f3
 
@@ -69,34 +57,24 @@ void run(const KernelArgs& args, int first, int channels) noexcept
 
             const __m128 yl = _mm_movelh_ps(y0, y1); // c0f0 c1f0 c0f1 c1f1
             const __m128 yh = _mm_movelh_ps(y2, y3);
-            _mm_storeu_ps(out[t * kLanes] + n, _mm_shuffle_ps(yl, yh, _MM_SHUFFLE(2, 0, 2, 0)));
-            _mm_storeu_ps(out[t * kLanes + 1] + n, _mm_shuffle_ps(yl, yh, _MM_SHUFFLE(3, 1, 3, 1)));
+            _mm_storeu_ps(l.out[t * kLanes] + n, _mm_shuffle_ps(yl, yh, _MM_SHUFFLE(2, 0, 2, 0)));
+            _mm_storeu_ps(l.out[t * kLanes + 1] + n, _mm_shuffle_ps(yl, yh, _MM_SHUFFLE(3, 1, 3, 1)));
         }
     }
 
     for (int t = 0; t < tiles; ++t) {
-        _mm_store_pd(stateLanes + t * kLanes, state[t]);
+        _mm_storeu_pd(l.state + t * kLanes, state[t]);
         // Lanes 2 and 3 hold the same two channels' other frames.
         const __m128 p = _mm_max_ps(peak[t], _mm_movehl_ps(peak[t], peak[t]));
-        _mm_store_sd(reinterpret_cast<double*>(peakLanes + t * kLanes), _mm_castps_pd(p));
+        _mm_store_sd(reinterpret_cast<double*>(l.peak + t * kLanes), _mm_castps_pd(p));
     }
-    for (int i = 0; i < channels; ++i) {
-        args.state[first + i] = stateLanes[i];
-        args.peak[first + i] = peakLanes[i];
-        if (vectorFrames < args.frames)
-            scalarChannel(args, first + i, vectorFrames);
-    }
+    scatterLanes(args, first, channels, l, vectorFrames);
 }
 } // namespace
 
 void kernel(const KernelArgs& args) noexcept
 {
-    if (args.frames <= 0)
-        return;
-    for (int first = 0; first < args.channels; first += kMaxTiles * kLanes) {
-        const int rest = args.channels - first;
-        run(args, first, rest < kMaxTiles * kLanes ? rest : kMaxTiles * kLanes);
-    }
+    forEachGroup(args, kMaxTiles * kLanes, &run);
 }
 
 } // namespace qvd::gain::m128

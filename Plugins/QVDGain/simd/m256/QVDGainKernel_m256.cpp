@@ -8,34 +8,22 @@
 namespace qvd::gain::m256 {
 namespace {
 constexpr int kLanes = 4;
-constexpr int kMaxTiles = 16;
+constexpr int kMaxTiles = 16; // 64 lanes, the size of Lanes
 
 // One pass over at most kMaxTiles * kLanes channels starting at `first`.
 void run(const KernelArgs& args, int first, int channels) noexcept
 {
     const int tiles = (channels + kLanes - 1) / kLanes;
-    const float* in[kMaxTiles * kLanes];
-    float* out[kMaxTiles * kLanes];
-    alignas(32) double stateLanes[kMaxTiles * kLanes];
-    alignas(32) double btLanes[kMaxTiles * kLanes];
-    alignas(16) float peakLanes[kMaxTiles * kLanes];
-    for (int i = 0; i < tiles * kLanes; ++i) {
-        const bool real = i < channels;
-        const int c = first + i;
-        in[i] = real ? args.inputs[c] : args.padIn;
-        out[i] = real ? args.outputs[c] : args.padOut;
-        stateLanes[i] = real ? args.state[c] : 0.0;
-        btLanes[i] = real ? args.bt[c] : 0.0;
-        peakLanes[i] = real ? args.peak[c] : 0.0f;
-    }
+    alignas(32) Lanes l;
+    gatherLanes(args, first, channels, tiles * kLanes, l);
 
     __m256d state[kMaxTiles];
     __m256d bt[kMaxTiles];
     __m128 peak[kMaxTiles];
     for (int t = 0; t < tiles; ++t) {
-        state[t] = _mm256_load_pd(stateLanes + t * kLanes);
-        bt[t] = _mm256_load_pd(btLanes + t * kLanes);
-        peak[t] = _mm_load_ps(peakLanes + t * kLanes);
+        state[t] = _mm256_loadu_pd(l.state + t * kLanes);
+        bt[t] = _mm256_loadu_pd(l.bt + t * kLanes);
+        peak[t] = _mm_loadu_ps(l.peak + t * kLanes);
     }
     const __m256d a = _mm256_set1_pd(args.a);
     const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
@@ -45,7 +33,7 @@ void run(const KernelArgs& args, int first, int channels) noexcept
     // their latencies overlap.
     for (int n = 0; n < vectorFrames; n += 4) {
         for (int t = 0; t < tiles; ++t) {
-            const float* const* src = in + t * kLanes;
+            const float* const* src = l.in + t * kLanes;
             __m128 f0 = _mm_loadu_ps(src[0] + n);
             __m128 f1 = _mm_loadu_ps(src[1] + n);
             __m128 f2 = _mm_loadu_ps(src[2] + n);
@@ -73,7 +61,7 @@ void run(const KernelArgs& args, int first, int channels) noexcept
             state[t] = s;
 
             _MM_TRANSPOSE4_PS(y0, y1, y2, y3);
-            float* const* dst = out + t * kLanes;
+            float* const* dst = l.out + t * kLanes;
             _mm_storeu_ps(dst[0] + n, y0);
             _mm_storeu_ps(dst[1] + n, y1);
             _mm_storeu_ps(dst[2] + n, y2);
@@ -82,26 +70,16 @@ void run(const KernelArgs& args, int first, int channels) noexcept
     }
 
     for (int t = 0; t < tiles; ++t) {
-        _mm256_store_pd(stateLanes + t * kLanes, state[t]);
-        _mm_store_ps(peakLanes + t * kLanes, peak[t]);
+        _mm256_storeu_pd(l.state + t * kLanes, state[t]);
+        _mm_storeu_ps(l.peak + t * kLanes, peak[t]);
     }
-    for (int i = 0; i < channels; ++i) {
-        args.state[first + i] = stateLanes[i];
-        args.peak[first + i] = peakLanes[i];
-        if (vectorFrames < args.frames)
-            scalarChannel(args, first + i, vectorFrames);
-    }
+    scatterLanes(args, first, channels, l, vectorFrames);
 }
 } // namespace
 
 void kernel(const KernelArgs& args) noexcept
 {
-    if (args.frames <= 0)
-        return;
-    for (int first = 0; first < args.channels; first += kMaxTiles * kLanes) {
-        const int rest = args.channels - first;
-        run(args, first, rest < kMaxTiles * kLanes ? rest : kMaxTiles * kLanes);
-    }
+    forEachGroup(args, kMaxTiles * kLanes, &run);
 }
 
 } // namespace qvd::gain::m256
