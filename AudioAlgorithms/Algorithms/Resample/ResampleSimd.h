@@ -222,7 +222,7 @@ inline const float* upsample(const float* h, std::size_t taps, const float* in, 
 }
 
 // Outputs per staged stretch, and the longest phase the stack planes hold.
-constexpr std::size_t kDownChunk = 64;
+constexpr std::size_t kDownChunk = 256;
 constexpr std::size_t kDownMaxTaps = 128;
 
 template <std::size_t L, std::size_t C>
