@@ -126,6 +126,34 @@ TEST(RmsCompressor, StaticCurveOnASteadySine)
     }
 }
 
+TEST(RmsCompressor, AttackAndReleaseSettleWithTheirTimeConstants)
+{
+    RmsCompressor c;
+    c.setVariant(qvd::dynamics::referenceVariant());
+    c.initialise(kRate, 1);
+    // A fast RMS, no knee and a high ratio: the gain follows the envelope on a straight line.
+    c.setParameter(RmsCompressor::RMS_SPEED, 0.1f);
+    c.setParameter(RmsCompressor::KNEE, 0.0f);
+    c.setParameter(RmsCompressor::RATIO, 20.0f);
+    c.setParameter(RmsCompressor::THRES, -30.0f);
+    c.setParameter(RmsCompressor::ATTACK, 10.0f);
+    c.setParameter(RmsCompressor::RELEASE, 100.0f);
+    const std::size_t step = 4800, fall = 4800 + 48000;
+    std::vector<float> in(fall + 48000, dbToAmp(-50.0));
+    std::fill(in.begin() + step, in.begin() + fall, dbToAmp(-10.0));
+    const auto out = runMono(c, in);
+    auto firstReaching = [&](std::size_t from, double target, double fraction) {
+        const double g0 = gainDb(in, out, from - 1);
+        for (std::size_t i = from; i < out.size(); ++i)
+            if ((gainDb(in, out, i) - g0) / (target - g0) >= fraction)
+                return static_cast<double>(i - from + 1);
+        return -1.0;
+    };
+    // 20 dB over at ratio 20 settles at -19 dB; the RMS itself adds a few samples.
+    EXPECT_NEAR(firstReaching(step, -19.0, 1.0 - std::exp(-1.0)), 480.0, 8.0);
+    EXPECT_NEAR(firstReaching(fall, 0.0, 1.0 - std::exp(-1.0)), 4800.0, 20.0);
+}
+
 TEST(RmsCompressor, KneeIsContinuousAtBothEdges)
 {
     RmsCompressor c;
