@@ -31,7 +31,19 @@ struct Family {
     bool down;
 };
 
+// Tables without a single-tap phase, and one longer than the kernels stage.
+const float* randomTable(std::size_t n, unsigned seed)
+{
+    static std::vector<std::vector<float>> keep;
+    keep.push_back(test::uniform(n, -0.5f, 0.5f, seed));
+    return keep.back().data();
+}
+
 const Family kFamilies[] = {
+    {PolyphaseFamily::Up2, "Up2random", randomTable(96, 31), 96, 2, false},
+    {PolyphaseFamily::Down2, "Down2random", randomTable(192, 32), 192, 2, true},
+    {PolyphaseFamily::Down4, "Down4random", randomTable(384, 33), 384, 4, true},
+    {PolyphaseFamily::Down2, "Down2long", randomTable(264, 34), 264, 2, true},
     {PolyphaseFamily::Up2, "Up2", tables::kUpsampler_x2, 96, 2, false},
     {PolyphaseFamily::Up2, "Up2short", tables::kUpsampler_x2_short, 64, 2, false},
     {PolyphaseFamily::Up4, "Up4", tables::kUpsampler_x4, 192, 4, false},
