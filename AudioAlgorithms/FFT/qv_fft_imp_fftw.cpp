@@ -5,6 +5,8 @@
 #include <fftw3.h>
 
 #include <algorithm>
+#include <climits>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <new>
@@ -14,6 +16,8 @@ namespace twa::fft {
 
 struct FftwPlan {
     fftwf_plan plan = nullptr;
+    // An array p suits the plan when (p & alignMask) == 0.
+    std::uintptr_t alignMask = 0;
 };
 
 namespace {
@@ -22,6 +26,8 @@ using PlanKey = std::tuple<std::size_t, Direction, PlannerRigor>;
 
 struct PlanCache {
     std::map<PlanKey, std::shared_ptr<const FftwPlan>> plans;
+    std::uintptr_t alignMask = 0;
+    bool probed = false;
 };
 
 // Never destroyed: objects in other static storage may still hold plans at exit.
@@ -44,39 +50,60 @@ unsigned RigorFlag(PlannerRigor rigor)
     return FFTW_MEASURE;
 }
 
+// fftwf_alignment_of(p) is p modulo FFTW's SIMD alignment; learning that
+// modulus once keeps a library call per array off the audio path.
+std::uintptr_t ProbeAlignmentMask()
+{
+    float* base = fftwf_alloc_real(64);
+    if (!base)
+        throw std::bad_alloc();
+    std::uintptr_t mask = 63;
+    for (std::size_t floats = 1; floats <= 16; floats *= 2)
+        if (fftwf_alignment_of(base + floats) == 0) {
+            mask = floats * sizeof(float) - 1;
+            break;
+        }
+    fftwf_free(base);
+    return mask;
+}
+
 std::shared_ptr<const FftwPlan> AcquirePlan(std::size_t size, Direction direction)
 {
+    if (size > static_cast<std::size_t>(INT_MAX))
+        throw std::bad_alloc();
     const PlannerRigor rigor = GetPlannerRigor();
+    const PlanKey key{size, direction, rigor};
     PlanCache& cache = Cache();
     std::lock_guard<std::mutex> lock(FftwPlannerMutex());
-    auto& slot = cache.plans[PlanKey{size, direction, rigor}];
-    if (slot)
-        return slot;
+    if (const auto found = cache.plans.find(key); found != cache.plans.end())
+        return found->second;
 
+    if (!cache.probed) {
+        cache.alignMask = ProbeAlignmentMask();
+        cache.probed = true;
+    }
+    auto made = std::make_shared<FftwPlan>();
+    made->alignMask = cache.alignMask;
     // Measuring overwrites the arrays, so plan on arrays of our own; they have
     // the SIMD alignment of every 32-byte aligned array.
     const int n = static_cast<int>(size);
     float* time = fftwf_alloc_real(size);
     fftwf_complex* freq = fftwf_alloc_complex(size / 2 + 1);
-    fftwf_plan plan = nullptr;
     if (time && freq) {
         // Forward plans must leave the caller's samples alone. Inverse plans
-        // may overwrite their input: it is always our own work area.
+        // may overwrite their input: a work area, or a spectrum handed over
+        // for consumption.
         const unsigned flags = RigorFlag(rigor);
-        plan = direction == Direction::Forward
-                   ? fftwf_plan_dft_r2c_1d(n, time, freq, flags | FFTW_PRESERVE_INPUT)
-                   : fftwf_plan_dft_c2r_1d(n, freq, time, flags | FFTW_DESTROY_INPUT);
+        made->plan = direction == Direction::Forward
+                         ? fftwf_plan_dft_r2c_1d(n, time, freq, flags | FFTW_PRESERVE_INPUT)
+                         : fftwf_plan_dft_c2r_1d(n, freq, time, flags | FFTW_DESTROY_INPUT);
     }
     fftwf_free(time);
     fftwf_free(freq);
-    if (!plan) {
-        cache.plans.erase(PlanKey{size, direction, rigor});
+    if (!made->plan)
         throw std::bad_alloc();
-    }
-    auto made = std::make_shared<FftwPlan>();
-    made->plan = plan;
-    slot = std::move(made);
-    return slot;
+    cache.plans.emplace(key, made);
+    return made;
 }
 
 // A real signal has none; FFTW's complex-to-real codelets happen to skip them,
@@ -85,11 +112,6 @@ void ClearDcNyquistImag(complex_t* s, std::size_t half) noexcept
 {
     s[0].imag(0.0f);
     s[half].imag(0.0f);
-}
-
-bool FftwAligned(const void* p) noexcept
-{
-    return fftwf_alignment_of(static_cast<float*>(const_cast<void*>(p))) == 0;
 }
 
 } // namespace
@@ -116,10 +138,15 @@ std::size_t qv_fft_imp_fftw::cached_plan_count()
     return Cache().plans.size();
 }
 
+bool qv_fft_imp_fftw::aligned(const void* p) const noexcept
+{
+    return (reinterpret_cast<std::uintptr_t>(p) & m_Plan->alignMask) == 0;
+}
+
 void qv_fft_imp_fftw::r2c(const float* in, complex_t* out) noexcept
 {
-    const bool inAligned = FftwAligned(in);
-    const bool outAligned = FftwAligned(out);
+    const bool inAligned = aligned(in);
+    const bool outAligned = aligned(out);
     if (!inAligned)
         std::copy_n(in, m_Size, m_WorkTime.data());
     float* src = inAligned ? const_cast<float*>(in) : m_WorkTime.data();
@@ -131,7 +158,7 @@ void qv_fft_imp_fftw::r2c(const float* in, complex_t* out) noexcept
 
 void qv_fft_imp_fftw::c2r_from_work(float* out) noexcept
 {
-    const bool outAligned = FftwAligned(out);
+    const bool outAligned = aligned(out);
     float* dst = outAligned ? out : m_WorkTime.data();
     fftwf_execute_dft_c2r(m_Plan->plan, reinterpret_cast<fftwf_complex*>(m_WorkFreq.data()), dst);
     if (!outAligned)
@@ -179,7 +206,7 @@ void qv_fft_imp_fftw::do_inverse(const complex_t* in, float* out) noexcept
 
 void qv_fft_imp_fftw::do_inverse_consuming(complex_t* in, float* out) noexcept
 {
-    if (!FftwAligned(in) || !FftwAligned(out)) {
+    if (!aligned(in) || !aligned(out)) {
         do_inverse(in, out);
         return;
     }

@@ -45,6 +45,7 @@ private:
     void do_forward(const float* in, complex_t* out) noexcept override;
     void do_inverse(const complex_t* in, float* out) noexcept override;
     void do_inverse_consuming(complex_t* in, float* out) noexcept override;
+    bool aligned(const void* p) const noexcept;
     void r2c(const float* in, complex_t* out) noexcept;
     void c2r_from_work(float* out) noexcept;
 
