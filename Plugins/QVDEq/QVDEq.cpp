@@ -23,25 +23,40 @@ std::int32_t listChoice(float value)
     return qvdListIndex(std::clamp(value, -2.0f, 1.0e6f));
 }
 
-float blockPeak(const float* samples, std::size_t frames) noexcept
+// Largest |x| of a block, from 0, copying it to `out` on the way unless
+// `out` is null or the same buffer. max(|x|, peak) keeps the peak when x is
+// NaN, in the vector lanes as in the scalar tail, so the lanes' maximum is
+// what one scalar pass gives.
+float copyWithPeak(const float* in, float* out, std::size_t frames) noexcept
 {
-    // max(|x|, peak) keeps the peak when x is NaN, in the vector lanes as in
-    // the scalar tail; the maximum of the lanes is then the same as one pass.
+    if (out == in)
+        out = nullptr;
     const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
     __m128 lanes = _mm_setzero_ps();
     std::size_t i = 0;
-    for (; i + 4 <= frames; i += 4)
-        lanes = _mm_max_ps(_mm_and_ps(_mm_loadu_ps(samples + i), absMask), lanes);
+    for (; i + 4 <= frames; i += 4) {
+        const __m128 v = _mm_loadu_ps(in + i);
+        lanes = _mm_max_ps(_mm_and_ps(v, absMask), lanes);
+        if (out)
+            _mm_storeu_ps(out + i, v);
+    }
     alignas(16) float part[4];
     _mm_store_ps(part, lanes);
     float peak = 0.0f;
     for (const float p : part)
         peak = p > peak ? p : peak;
     for (; i < frames; ++i) {
-        const float a = std::fabs(samples[i]);
+        const float a = std::fabs(in[i]);
         peak = a > peak ? a : peak;
+        if (out)
+            out[i] = in[i];
     }
     return peak;
+}
+
+float blockPeak(const float* samples, std::size_t frames) noexcept
+{
+    return copyWithPeak(samples, nullptr, frames);
 }
 
 constexpr float kDefaultFrequency[QVDEq::kBands] = {70.0f, 110.0f, 240.0f, 1200.0f, 6000.0f, 19000.0f};
@@ -260,16 +275,22 @@ void QVDEq::processBlock(const qvd::BlockRecord* block, const float* const* inpu
     const std::int32_t channels = std::min(ins, outs);
     const auto n = static_cast<std::size_t>(frames);
 
+    // "Equalizer In" off acts as the bypass: the copy is the output.
+    const bool bypass = bypassed() || !m_eqIn.load(std::memory_order_relaxed);
+    // The input is copied to the output and measured in one pass.
     for (std::int32_t c = 0; c < channels; ++c) {
-        if (outputs[c] != inputs[c])
-            std::memmove(outputs[c], inputs[c], n * sizeof(float));
+        if (bypass) {
+            if (outputs[c] != inputs[c])
+                std::memmove(outputs[c], inputs[c], n * sizeof(float));
+        } else {
+            setMeterLevel(kInputMeter, c, copyWithPeak(inputs[c], outputs[c], n));
+        }
     }
     // Outputs without a matching input carry silence.
     for (std::int32_t c = channels; c < outs; ++c)
         std::memset(outputs[c], 0, n * sizeof(float));
 
-    // "Equalizer In" off acts as the bypass: the copy above is the output.
-    if (bypassed() || !m_eqIn.load(std::memory_order_relaxed)) {
+    if (bypass) {
         for (std::int32_t c = 0; c < ins; ++c)
             setMeterLevel(kInputMeter, c, 0.0f);
         for (std::int32_t c = 0; c < outs; ++c)
@@ -278,8 +299,7 @@ void QVDEq::processBlock(const qvd::BlockRecord* block, const float* const* inpu
         completeBlock(inputs, outputs, frames, 0);
         return;
     }
-
-    for (std::int32_t c = 0; c < ins; ++c)
+    for (std::int32_t c = channels; c < ins; ++c)
         setMeterLevel(kInputMeter, c, blockPeak(inputs[c], n));
 
     // Coming back from bypass the bands' history is stale: start from silence.

@@ -1,8 +1,8 @@
 // AVX variants, the bands fused and skewed as in the SSE2 variant (in
 // iteration n band k filters sample n - k):
-//   stereo, an even number of bands: two bands side by side in one register,
-//     [band 2p left, right | band 2p+1 left, right], so six bands take three
-//     registers instead of six;
+//   stereo: two bands side by side in one register, [band 2p left, right |
+//     band 2p+1 left, right], so six bands take three registers instead of
+//     six (an odd count leaves the last register's upper half idle);
 //   four channels and more: four channels per register, one band each;
 //   whatever is left: the SSE2 variant.
 // Compiled with -mavx: no standard-library templates here, so no AVX copy of
@@ -68,10 +68,14 @@ inline void stereoStep(__m128 in, const Coefficients (&c)[P], __m256d (&w1)[P], 
     }
 }
 
-template <int P>
+template <int NB>
 void stereo(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noexcept
 {
-    constexpr int NB = 2 * P;
+    constexpr int P = (NB + 1) / 2;
+    // Where the last band sits: the upper half of the last register, or its
+    // lower half when the upper one is idle.
+    constexpr bool kLastHigh = NB % 2 == 0;
+    constexpr int kPick = kLastHigh ? _MM_SHUFFLE(3, 2, 3, 2) : _MM_SHUFFLE(1, 0, 1, 0);
     float* left = args.channels[a];
     float* right = args.channels[a + 1];
     Coefficients c[P];
@@ -79,14 +83,20 @@ void stereo(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noex
     __m128 older[P], newer[P];
     for (int p = 0; p < P; ++p) {
         const Band& b0 = args.bands[firstBand + 2 * p];
-        const Band& b1 = args.bands[firstBand + 2 * p + 1];
-        c[p] = {_mm256_setr_pd(b0.c.gain, b0.c.gain, b1.c.gain, b1.c.gain),
-                _mm256_setr_pd(b0.c.den2, b0.c.den2, b1.c.den2, b1.c.den2),
-                _mm256_setr_pd(b0.c.den1, b0.c.den1, b1.c.den1, b1.c.den1),
-                _mm256_setr_pd(b0.c.num2, b0.c.num2, b1.c.num2, b1.c.num2),
-                _mm256_setr_pd(b0.c.num1, b0.c.num1, b1.c.num1, b1.c.num1)};
-        w1[p] = _mm256_setr_pd(b0.states[a].w1, b0.states[a + 1].w1, b1.states[a].w1, b1.states[a + 1].w1);
-        w2[p] = _mm256_setr_pd(b0.states[a].w2, b0.states[a + 1].w2, b1.states[a].w2, b1.states[a + 1].w2);
+        // An idle upper half filters nothing from a zero state; its output is never used.
+        const bool idle = 2 * p + 1 >= NB;
+        const Band& b1 = idle ? b0 : args.bands[firstBand + 2 * p + 1];
+        const BiQuadCoefficients zero = {0.0, 0.0, 0.0, 0.0, 0.0};
+        const BiQuadCoefficients& c1 = idle ? zero : b1.c;
+        const double s1w1 = idle ? 0.0 : b1.states[a].w1, s1w1r = idle ? 0.0 : b1.states[a + 1].w1;
+        const double s1w2 = idle ? 0.0 : b1.states[a].w2, s1w2r = idle ? 0.0 : b1.states[a + 1].w2;
+        c[p] = {_mm256_setr_pd(b0.c.gain, b0.c.gain, c1.gain, c1.gain),
+                _mm256_setr_pd(b0.c.den2, b0.c.den2, c1.den2, c1.den2),
+                _mm256_setr_pd(b0.c.den1, b0.c.den1, c1.den1, c1.den1),
+                _mm256_setr_pd(b0.c.num2, b0.c.num2, c1.num2, c1.num2),
+                _mm256_setr_pd(b0.c.num1, b0.c.num1, c1.num1, c1.num1)};
+        w1[p] = _mm256_setr_pd(b0.states[a].w1, b0.states[a + 1].w1, s1w1, s1w1r);
+        w2[p] = _mm256_setr_pd(b0.states[a].w2, b0.states[a + 1].w2, s1w2, s1w2r);
         older[p] = _mm_setzero_ps();
         newer[p] = _mm_setzero_ps();
     }
@@ -102,15 +112,14 @@ void stereo(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noex
             const __m128 r = _mm_loadu_ps(right + n);
             const __m128 lr01 = _mm_unpacklo_ps(l, r); // l0 r0 l1 r1
             const __m128 lr23 = _mm_unpackhi_ps(l, r); // l2 r2 l3 r3
-            // The last band sits in the high half of the last register.
             stereoStep<P, false>(lr01, c, w1, w2, older, newer, e, nullptr);
             const __m128 y0 = newer[P - 1];
             stereoStep<P, false>(_mm_movehl_ps(lr01, lr01), c, w1, w2, older, newer, e, nullptr);
-            const __m128 y01 = _mm_shuffle_ps(y0, newer[P - 1], _MM_SHUFFLE(3, 2, 3, 2));
+            const __m128 y01 = _mm_shuffle_ps(y0, newer[P - 1], kPick);
             stereoStep<P, false>(lr23, c, w1, w2, older, newer, e, nullptr);
             const __m128 y2 = newer[P - 1];
             stereoStep<P, false>(_mm_movehl_ps(lr23, lr23), c, w1, w2, older, newer, e, nullptr);
-            const __m128 y23 = _mm_shuffle_ps(y2, newer[P - 1], _MM_SHUFFLE(3, 2, 3, 2));
+            const __m128 y23 = _mm_shuffle_ps(y2, newer[P - 1], kPick);
             // Behind the samples just read, so in place is safe.
             _mm_storeu_ps(left + n - kLag, _mm_shuffle_ps(y01, y23, _MM_SHUFFLE(2, 0, 2, 0)));
             _mm_storeu_ps(right + n - kLag, _mm_shuffle_ps(y01, y23, _MM_SHUFFLE(3, 1, 3, 1)));
@@ -126,15 +135,15 @@ void stereo(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noex
             for (int p = 0; p < P; ++p) {
                 const int m0 = n - 4 * p;
                 const int m1 = m0 - 2;
-                mask[p] = laneMask(m0 >= 0 && m0 < frames, m1 >= 0 && m1 < frames);
+                mask[p] = laneMask(m0 >= 0 && m0 < frames, 2 * p + 1 < NB && m1 >= 0 && m1 < frames);
             }
             stereoStep<P, true>(in, c, w1, w2, older, newer, e, mask);
         }
         if (n >= kLag) {
             alignas(16) float y[4];
             _mm_store_ps(y, newer[P - 1]);
-            left[n - kLag] = y[2];
-            right[n - kLag] = y[3];
+            left[n - kLag] = y[kLastHigh ? 2 : 0];
+            right[n - kLag] = y[kLastHigh ? 3 : 1];
         }
         ++n;
     }
@@ -143,11 +152,13 @@ void stereo(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noex
         _mm256_store_pd(v1, w1[p]);
         _mm256_store_pd(v2, w2[p]);
         BiQuadState* s0 = args.bands[firstBand + 2 * p].states + a;
-        BiQuadState* s1 = args.bands[firstBand + 2 * p + 1].states + a;
         s0[0] = {v1[0], v2[0]};
         s0[1] = {v1[1], v2[1]};
-        s1[0] = {v1[2], v2[2]};
-        s1[1] = {v1[3], v2[3]};
+        if (2 * p + 1 < NB) {
+            BiQuadState* s1 = args.bands[firstBand + 2 * p + 1].states + a;
+            s1[0] = {v1[2], v2[2]};
+            s1[1] = {v1[3], v2[3]};
+        }
     }
 }
 
@@ -242,7 +253,8 @@ void quad(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noexce
 
 using GroupFn = void (*)(const KernelArgs&, std::int32_t, std::int32_t) noexcept;
 constexpr GroupFn kQuads[kMaxFusedBands + 1] = {nullptr, &quad<1>, &quad<2>, &quad<3>, &quad<4>, &quad<5>, &quad<6>};
-constexpr GroupFn kStereo[kMaxFusedBands / 2 + 1] = {nullptr, &stereo<1>, &stereo<2>, &stereo<3>};
+constexpr GroupFn kStereo[kMaxFusedBands + 1] = {nullptr,    &stereo<1>, &stereo<2>, &stereo<3>,
+                                                 &stereo<4>, &stereo<5>, &stereo<6>};
 
 } // namespace
 
@@ -256,11 +268,9 @@ void kernel(const KernelArgs& args) noexcept
         std::int32_t ch = 0;
         for (; ch + 4 <= args.channelCount; ch += 4)
             kQuads[bands](args, ch, first);
-        if ((bands & 1) == 0) {
-            for (; ch + 2 <= args.channelCount; ch += 2)
-                kStereo[bands / 2](args, ch, first);
-        }
-        // The last one to three channels, or pairs under an odd band count.
+        for (; ch + 2 <= args.channelCount; ch += 2)
+            kStereo[bands](args, ch, first);
+        // A last odd channel.
         m128::channelPairs(args, ch, first, bands);
     }
 }
