@@ -206,6 +206,7 @@ void BiQuad::run(const BiQuadCoefficients& c, BiQuadState& s, const float* in, f
     const double gain = c.gain, den2 = c.den2, den1 = c.den1, num2 = c.num2, num1 = c.num1;
     double w1 = s.w1, w2 = s.w2;
     if (out) {
+#pragma GCC unroll 4
         for (std::uint32_t i = 0; i < frames; ++i) {
             const double x = static_cast<double>(in[i]);
             const double w = gain * x + den2 * w2 + den1 * w1;
@@ -215,6 +216,7 @@ void BiQuad::run(const BiQuadCoefficients& c, BiQuadState& s, const float* in, f
             out[i] = static_cast<float>(y);
         }
     } else {
+#pragma GCC unroll 4
         for (std::uint32_t i = 0; i < frames; ++i) {
             const double x = static_cast<double>(in[i]);
             const double w = gain * x + den2 * w2 + den1 * w1;

@@ -92,7 +92,7 @@ private:
     void redesign();
     void publish();
 
-    // Filter specification, control thread only.
+    // Filter settings, control thread only.
     std::uint32_t m_kind = kBell;
     double m_frequency = 1000.0; // Hz
     double m_q = 1.5;

@@ -322,33 +322,24 @@ TEST(BiQuadProcess, RecursionIsBitExactWithTheFormulaInPlaceOutOfPlaceAndAdvance
 TEST(BiQuadProcess, OutputIsTheSameForAnySplitOfTheBlock)
 {
     const auto input = noise(1000, 9);
-    std::vector<float> whole = input;
-    BiQuad a;
-    a.initialise(48000.0f, 1);
-    configure(a, 4.0f, 9.0f, 300.0f, 4.0f);
-    float* p = whole.data();
-    a.processChannels(&p, 1000);
-
-    std::vector<float> single = input;
-    BiQuad b;
-    b.initialise(48000.0f, 1);
-    configure(b, 4.0f, 9.0f, 300.0f, 4.0f);
-    for (std::uint32_t i = 0; i < 1000; ++i)
-        b.processChannel(0, single.data() + i, 1);
-    EXPECT_TRUE(sameBits(whole, single));
-
-    std::vector<float> split = input;
-    BiQuad c;
-    c.initialise(48000.0f, 1);
-    configure(c, 4.0f, 9.0f, 300.0f, 4.0f);
+    // Runs the input through a fresh bell in pieces of the lengths `next` gives.
+    auto run = [&](auto next) {
+        BiQuad q;
+        q.initialise(48000.0f, 1);
+        configure(q, 4.0f, 9.0f, 300.0f, 4.0f);
+        std::vector<float> io = input;
+        for (std::uint32_t done = 0; done < io.size();) {
+            const std::uint32_t n = std::min<std::uint32_t>(static_cast<std::uint32_t>(io.size()) - done, next());
+            float* p = io.data() + done;
+            q.processChannels(&p, 1, n);
+            done += n;
+        }
+        return io;
+    };
     std::mt19937 rng(3);
-    for (std::uint32_t done = 0; done < 1000;) {
-        const std::uint32_t n = std::min<std::uint32_t>(1000 - done, rng() % 70);
-        float* s = split.data() + done;
-        c.processChannels(&s, 1, n);
-        done += n;
-    }
-    EXPECT_TRUE(sameBits(whole, split));
+    const auto whole = run([] { return 1000u; });
+    EXPECT_TRUE(sameBits(whole, run([] { return 1u; })));
+    EXPECT_TRUE(sameBits(whole, run([&rng] { return static_cast<std::uint32_t>(rng() % 70); })));
 }
 
 TEST(BiQuadProcess, BandsOffOrShapesOutOfRangePassEveryBitThrough)
@@ -382,17 +373,6 @@ TEST(BiQuadProcess, BandsOffOrShapesOutOfRangePassEveryBitThrough)
     off.setParameter(BiQuad::IN, 0.999f);
     EXPECT_TRUE(off.designed().isNeutral());
 
-    // A shelf at exactly 0 dB is the neutral set too.
-    for (const float shape : {2.0f, 3.0f}) {
-        BiQuad shelf;
-        shelf.initialise(44100.0f, 1);
-        configure(shelf, shape, 0.0f, 500.0f, 0.7f);
-        EXPECT_TRUE(shelf.designed().isNeutral());
-        io = input;
-        float* p = io.data();
-        shelf.processChannels(&p, 256);
-        EXPECT_TRUE(sameBits(io, input));
-    }
 }
 
 TEST(BiQuadState, SwitchingInClearsHistoryAndAFrequencyChangeKeepsIt)
@@ -489,10 +469,6 @@ TEST(BiQuadState, InitialiseTruncatesTheRateAndRestoresDefaults)
     EXPECT_EQ(q.q(), 1.5);
     EXPECT_EQ(q.linearGain(), 1.0);
     EXPECT_TRUE(q.designed().isNeutral());
-    // A set designed before initialise used no rate at all and stayed neutral.
-    BiQuad fresh;
-    configure(fresh, 4.0f, 6.0f, 1000.0f, 1.0f);
-    EXPECT_TRUE(fresh.designed().isNeutral());
 }
 
 TEST(BiQuadState, NonFiniteInputDoesNotPoisonTheFilter)
