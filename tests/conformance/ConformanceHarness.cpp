@@ -226,7 +226,7 @@ Signal noise(int channels, std::size_t frames, std::uint32_t seed, float level =
 // ---------------------------------------------------------------- running
 
 struct Config {
-    int rate;
+    double rate;
     int block;
     int inputs;
     int outputs;
@@ -234,7 +234,7 @@ struct Config {
 
 std::string describe(const Config& c)
 {
-    return format("%d Hz, block %d, %d in / %d out", c.rate, c.block, c.inputs, c.outputs);
+    return format("%g Hz, block %d, %d in / %d out", c.rate, c.block, c.inputs, c.outputs);
 }
 
 bool prepare(AudioPlugin& a, const Config& c)
@@ -484,16 +484,26 @@ void checkMatrix(Context& ctx, const std::string& key, const qvd::PluginInfo& in
     }
     const auto configs = channelConfigs(*inst.a(), info);
     ctx.report.check(!configs.empty(), key, "formats", "accepts no channel configuration");
-    std::vector<int> rates = {44100, 48000, 96000};
+    std::vector<double> rates = {44100, 48000, 96000};
     std::vector<int> blocks = {1, 7, 64, 511, 4096};
     if (ctx.longPass) {
         rates.insert(rates.end(), {8000, 11025, 22050, 32000, 88200, 176400, 192000, 384000});
         blocks.insert(blocks.end(), {2, 3, 16, 100, 127, 256, 1000, 1024, 2048, 4095});
     }
+    // A smaller pass at the extremes and at fractional rates.
+    const std::vector<double> edgeRates = {8000, 384000, 44099.5, 47999.9};
+    const std::vector<int> edgeBlocks = {1, 333};
     std::mt19937 rng(ctx.report.seed ^ static_cast<std::uint32_t>(std::hash<std::string>{}(key)));
+    std::vector<std::pair<double, int>> grid;
+    for (const double rate : rates)
+        for (const int block : blocks)
+            grid.emplace_back(rate, block);
+    for (const double rate : edgeRates)
+        for (const int block : edgeBlocks)
+            grid.emplace_back(rate, block);
     for (const auto& [ins, outs] : configs) {
-        for (const int rate : rates) {
-            for (const int block : blocks) {
+        for (const auto& [rate, block] : grid) {
+            {
                 const Config c{rate, block, ins, outs};
                 const std::string where = describe(c);
                 if (!ctx.report.check(prepare(*inst.a(), c), key, "formats", "accepted formats, then refused " + where))
@@ -717,7 +727,7 @@ void checkSequences(Context& ctx, const std::string& key, const qvd::PluginInfo&
         if (!inst.p)
             return;
         std::vector<std::string> ops;
-        const int rates[] = {8000, 22050, 44100, 48000, 96000, 192000};
+        const double rates[] = {8000, 22050, 44100, 48000, 96000, 192000};
         Config c{rates[rng() % 6], static_cast<int>(1 + rng() % 1024), 0, 0};
         const int n = static_cast<int>(1 + rng() % static_cast<unsigned>(std::max(1, info.channels)));
         c.inputs = inst.a()->setChannelFormats(qvd::formatForChannels(n), qvd::formatForChannels(n)) ? n : 0;
@@ -790,7 +800,7 @@ void checkSequences(Context& ctx, const std::string& key, const qvd::PluginInfo&
 
 void checkLifecycle(Context& ctx, const std::string& key)
 {
-    const int cycles = ctx.longPass ? 1000 : 200;
+    const int cycles = 1000;
     auto cycle = [&] {
         Instance inst(*ctx.lib.registry, key);
         if (!inst.p)
@@ -831,7 +841,7 @@ void checkRealtime(Context& ctx, const std::string& key, const std::uint64_t* be
     Instance inst(*ctx.lib.registry, key);
     const Config c{48000, 32, 2, 2};
     if (inst.p && prepare(*inst.a(), c)) {
-        const int calls = ctx.longPass ? 1000000 : 200000;
+        const int calls = ctx.longPass ? 2000000 : 500000;
         const Signal in = noise(2, 32, 8);
         std::vector<float> l(32), r(32);
         float* out[2] = {l.data(), r.data()};
