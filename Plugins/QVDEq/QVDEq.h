@@ -48,7 +48,8 @@ public:
 
     static const QVDPluginDescriptor& descriptor();
     static const std::vector<QVDParameterDefinition>& parameterTable();
-    static constexpr std::uint32_t parameterIndex(int band, Role role)
+    // Index of a band's parameter: 5b + role.
+    static constexpr std::uint32_t bandParameter(int band, Role role)
     {
         return static_cast<std::uint32_t>(band) * 5u + role;
     }

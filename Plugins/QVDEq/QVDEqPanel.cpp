@@ -61,7 +61,7 @@ QVDEqPanel::QVDEqPanel(QVDEq* plugin, QWidget* parent) : QWidget(parent), m_plug
         const auto i = static_cast<std::size_t>(b);
         (new QVDCaption(tr("Band %1").arg(b + 1), this))->move(x + 20, kShapeRow - 20);
 
-        const QVDParameterDefinition& shape = params[QVDEq::parameterIndex(b, QVDEq::kShape)].definition();
+        const QVDParameterDefinition& shape = params[QVDEq::bandParameter(b, QVDEq::kShape)].definition();
         m_shape[i] = new QVDListSelector(m_plugin, shape.identifier, shape.options, this);
         m_shape[i]->move(x, kShapeRow);
         std::vector<QPixmap> icons;
@@ -70,14 +70,14 @@ QVDEqPanel::QVDEqPanel(QVDEq* plugin, QWidget* parent) : QWidget(parent), m_plug
         m_shape[i]->setIcons(icons);
         connect(m_shape[i], &QVDListSelector::choiceChanged, this, &QVDEqPanel::updateCurve);
 
-        const QVDParameterDefinition& in = params[QVDEq::parameterIndex(b, QVDEq::kIn)].definition();
+        const QVDParameterDefinition& in = params[QVDEq::bandParameter(b, QVDEq::kIn)].definition();
         m_in[i] = new QVDListSelector(m_plugin, in.identifier, in.options, this);
         m_in[i]->move(x, kInRow);
         connect(m_in[i], &QVDListSelector::choiceChanged, this, &QVDEqPanel::updateCurve);
 
-        m_gain[i] = makeKnob(QVDEq::parameterIndex(b, QVDEq::kGain), x + 12, kGainRow);
-        m_freq[i] = makeKnob(QVDEq::parameterIndex(b, QVDEq::kFreq), x + 12, kFreqRow);
-        m_q[i] = makeKnob(QVDEq::parameterIndex(b, QVDEq::kQ), x + 12, kQRow);
+        m_gain[i] = makeKnob(QVDEq::bandParameter(b, QVDEq::kGain), x + 12, kGainRow);
+        m_freq[i] = makeKnob(QVDEq::bandParameter(b, QVDEq::kFreq), x + 12, kFreqRow);
+        m_q[i] = makeKnob(QVDEq::bandParameter(b, QVDEq::kQ), x + 12, kQRow);
     }
     connect(m_eqIn, &QVDListSelector::choiceChanged, this, &QVDEqPanel::updateCurve);
 

@@ -316,8 +316,8 @@ TEST(EqProcess, TheThirdBandAsABellAtOneKilohertzLiftsItBySixDecibels)
 {
     Eq eq;
     ASSERT_TRUE(eq.prepare(48000.0f, 480, 1, 1));
-    ASSERT_TRUE(eq.plugin->setParameterByIdentifier("QVDEq::BAND_GAIN_2", 6.0f));
-    ASSERT_TRUE(eq.plugin->setParameterByIdentifier("QVDEq::BAND_FREQ_2", 1000.0f));
+    eq.instance->setParameter(eq.plugin->parameterIndex("QVDEq::BAND_GAIN_2"), 6.0f);
+    eq.instance->setParameter(eq.plugin->parameterIndex("QVDEq::BAND_FREQ_2"), 1000.0f);
     EXPECT_EQ(eq.plugin->band(2).kind(), BiQuad::kBell);
     const int frames = 48000;
     std::vector<float> tone(frames);
