@@ -17,6 +17,7 @@
 #include <complex>
 #include <cstddef>
 #include <memory>
+#include <vector>
 
 namespace twa::fft {
 
@@ -33,8 +34,9 @@ enum class Backend : unsigned char {
 };
 
 // How thoroughly FFTW plans a size the first time it is asked for. Measure is
-// the default; Estimate plans in microseconds but runs slower; Patient plans
-// for seconds to minutes and sometimes runs a little faster.
+// the default (0.1 to 2 s per size and direction); Estimate plans in
+// milliseconds at most but may run slower; Patient plans for up to minutes
+// and sometimes runs a little faster.
 enum class PlannerRigor : unsigned char { Estimate, Measure, Patient };
 
 // [control-thread] Rigor of plans made from now on; plans already made are
@@ -51,8 +53,8 @@ bool HasFftw() noexcept;
 bool KissServes(std::size_t size) noexcept;
 
 // The back end a transform of `size` points gets when `requested` is asked for.
-// FFTW plans every size and measured three to six times faster than KISS at
-// every size from 16 to 65536, so Auto means FFTW. KISS is used when the build
+// FFTW plans every size and measured two to seven times faster than KISS at
+// every size we tried from 16 to 65536, so Auto means FFTW. KISS is used when the build
 // has no FFTW, or on request (its results do not depend on timing, unlike
 // measured FFTW plans, so they repeat bit for bit from run to run). A request
 // for KISS at a size it does not serve gets FFTW when the build has it.
