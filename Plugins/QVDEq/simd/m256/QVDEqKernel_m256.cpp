@@ -1,5 +1,5 @@
-// AVX variants, the bands fused and skewed as in the SSE2 variant (in
-// iteration n band k filters sample n - k):
+// AVX variants, the bands fused and skewed as in the SSE2 variant (each band
+// a fixed number of samples behind the one before it):
 //   stereo: two bands side by side in one register, [band 2p left, right |
 //     band 2p+1 left, right], so six bands take three registers instead of
 //     six (an odd count leaves the last register's upper half idle);
@@ -46,25 +46,29 @@ inline __m256d laneMask(bool low, bool high) noexcept
 
 // ---- stereo, band pairs ----
 
-// newer[p] and older[p] hold the rounded outputs of bands 2p and 2p+1 from the
-// last iteration and the one before: [2p left, 2p right, 2p+1 left, 2p+1 right].
-// Each band reads its predecessor's output from two iterations back (band k
-// filters sample n - 2k): one back would chain a register to itself across
-// iterations through the whole biquad, so that latency would set the pace
-// instead of the recursion's.
+// hist[s][p] holds the rounded outputs of bands 2p and 2p+1 from kSkew - s
+// iterations ago: [2p left, 2p right, 2p+1 left, 2p+1 right]. Each band reads
+// its predecessor's output from kSkew iterations back (band k filters sample
+// n - kSkew k): one back would chain a register to itself through the whole
+// biquad (about 24 cycles) in every iteration, and that latency rather than
+// the recursion's (12) would set the pace.
+constexpr int kSkew = 3;
+
 template <int P, bool Masked>
 inline void stereoStep(__m128 in, const Coefficients (&c)[P], __m256d (&w1)[P], __m256d (&w2)[P],
-                       __m128 (&older)[P], __m128 (&newer)[P], __m256d e, const __m256d* mask) noexcept
+                       __m128 (&hist)[kSkew][P], __m256d e, const __m256d* mask) noexcept
 {
     __m128 x[P];
-    x[0] = _mm_movelh_ps(in, older[0]);
+    x[0] = _mm_movelh_ps(in, hist[0][0]);
 #pragma GCC unroll 4
     for (int p = 1; p < P; ++p)
-        x[p] = _mm_shuffle_ps(older[p - 1], older[p], _MM_SHUFFLE(1, 0, 3, 2));
+        x[p] = _mm_shuffle_ps(hist[0][p - 1], hist[0][p], _MM_SHUFFLE(1, 0, 3, 2));
 #pragma GCC unroll 4
     for (int p = 0; p < P; ++p) {
-        older[p] = newer[p];
-        newer[p] = biquad<Masked>(_mm256_cvtps_pd(x[p]), c[p], w1[p], w2[p], e, Masked ? mask[p] : e);
+#pragma GCC unroll 4
+        for (int s = 0; s + 1 < kSkew; ++s)
+            hist[s][p] = hist[s + 1][p];
+        hist[kSkew - 1][p] = biquad<Masked>(_mm256_cvtps_pd(x[p]), c[p], w1[p], w2[p], e, Masked ? mask[p] : e);
     }
 }
 
@@ -80,7 +84,7 @@ void stereo(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noex
     float* right = args.channels[a + 1];
     Coefficients c[P];
     __m256d w1[P], w2[P];
-    __m128 older[P], newer[P];
+    __m128 hist[kSkew][P];
     for (int p = 0; p < P; ++p) {
         const Band& b0 = args.bands[firstBand + 2 * p];
         // An idle upper half filters nothing from a zero state; its output is never used.
@@ -97,13 +101,13 @@ void stereo(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noex
                 _mm256_setr_pd(b0.c.num1, b0.c.num1, c1.num1, c1.num1)};
         w1[p] = _mm256_setr_pd(b0.states[a].w1, b0.states[a + 1].w1, s1w1, s1w1r);
         w2[p] = _mm256_setr_pd(b0.states[a].w2, b0.states[a + 1].w2, s1w2, s1w2r);
-        older[p] = _mm_setzero_ps();
-        newer[p] = _mm_setzero_ps();
+        for (int s = 0; s < kSkew; ++s)
+            hist[s][p] = _mm_setzero_ps();
     }
     const __m256d e = _mm256_set1_pd(kBiQuadFlush);
     const std::int32_t frames = args.frames;
-    // Band k filters sample n - 2k; the last band's output lags by twice its index.
-    constexpr int kLag = 2 * (NB - 1);
+    // The last band's output lags its input by kSkew times its index.
+    constexpr int kLag = kSkew * (NB - 1);
     const std::int32_t total = frames + kLag;
     std::int32_t n = 0;
     while (n < total) {
@@ -112,14 +116,14 @@ void stereo(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noex
             const __m128 r = _mm_loadu_ps(right + n);
             const __m128 lr01 = _mm_unpacklo_ps(l, r); // l0 r0 l1 r1
             const __m128 lr23 = _mm_unpackhi_ps(l, r); // l2 r2 l3 r3
-            stereoStep<P, false>(lr01, c, w1, w2, older, newer, e, nullptr);
-            const __m128 y0 = newer[P - 1];
-            stereoStep<P, false>(_mm_movehl_ps(lr01, lr01), c, w1, w2, older, newer, e, nullptr);
-            const __m128 y01 = _mm_shuffle_ps(y0, newer[P - 1], kPick);
-            stereoStep<P, false>(lr23, c, w1, w2, older, newer, e, nullptr);
-            const __m128 y2 = newer[P - 1];
-            stereoStep<P, false>(_mm_movehl_ps(lr23, lr23), c, w1, w2, older, newer, e, nullptr);
-            const __m128 y23 = _mm_shuffle_ps(y2, newer[P - 1], kPick);
+            stereoStep<P, false>(lr01, c, w1, w2, hist, e, nullptr);
+            const __m128 y0 = hist[kSkew - 1][P - 1];
+            stereoStep<P, false>(_mm_movehl_ps(lr01, lr01), c, w1, w2, hist, e, nullptr);
+            const __m128 y01 = _mm_shuffle_ps(y0, hist[kSkew - 1][P - 1], kPick);
+            stereoStep<P, false>(lr23, c, w1, w2, hist, e, nullptr);
+            const __m128 y2 = hist[kSkew - 1][P - 1];
+            stereoStep<P, false>(_mm_movehl_ps(lr23, lr23), c, w1, w2, hist, e, nullptr);
+            const __m128 y23 = _mm_shuffle_ps(y2, hist[kSkew - 1][P - 1], kPick);
             // Behind the samples just read, so in place is safe.
             _mm_storeu_ps(left + n - kLag, _mm_shuffle_ps(y01, y23, _MM_SHUFFLE(2, 0, 2, 0)));
             _mm_storeu_ps(right + n - kLag, _mm_shuffle_ps(y01, y23, _MM_SHUFFLE(3, 1, 3, 1)));
@@ -128,20 +132,20 @@ void stereo(const KernelArgs& args, std::int32_t a, std::int32_t firstBand) noex
         }
         const __m128 in = n < frames ? _mm_setr_ps(left[n], right[n], 0.0f, 0.0f) : _mm_setzero_ps();
         if (n >= kLag && n < frames) {
-            stereoStep<P, false>(in, c, w1, w2, older, newer, e, nullptr);
+            stereoStep<P, false>(in, c, w1, w2, hist, e, nullptr);
         } else {
-            // Filling or draining: band k has a sample only while 0 <= n - 2k < frames.
+            // Filling or draining: band k has a sample only while 0 <= n - kSkew k < frames.
             __m256d mask[P];
             for (int p = 0; p < P; ++p) {
-                const int m0 = n - 4 * p;
-                const int m1 = m0 - 2;
+                const int m0 = n - 2 * kSkew * p;
+                const int m1 = m0 - kSkew;
                 mask[p] = laneMask(m0 >= 0 && m0 < frames, 2 * p + 1 < NB && m1 >= 0 && m1 < frames);
             }
-            stereoStep<P, true>(in, c, w1, w2, older, newer, e, mask);
+            stereoStep<P, true>(in, c, w1, w2, hist, e, mask);
         }
         if (n >= kLag) {
             alignas(16) float y[4];
-            _mm_store_ps(y, newer[P - 1]);
+            _mm_store_ps(y, hist[kSkew - 1][P - 1]);
             left[n - kLag] = y[kLastHigh ? 2 : 0];
             right[n - kLag] = y[kLastHigh ? 3 : 1];
         }
