@@ -33,6 +33,9 @@ qv_fft::qv_fft(std::size_t fftsize, std::size_t wlength, std::int32_t window_typ
 }
 
 qv_fft::~qv_fft() = default;
+// Moving a vector keeps its heap block, so the transforms' bindings hold.
+qv_fft::qv_fft(qv_fft&&) noexcept = default;
+qv_fft& qv_fft::operator=(qv_fft&&) noexcept = default;
 
 void qv_fft::analyse(const float* in) noexcept
 {

@@ -35,6 +35,10 @@ public:
     ~qv_fft();
     qv_fft(const qv_fft&) = delete;
     qv_fft& operator=(const qv_fft&) = delete;
+    // [not while processing] The transforms stay bound to the moved buffers;
+    // a moved-from object may only be destroyed or assigned to.
+    qv_fft(qv_fft&&) noexcept;
+    qv_fft& operator=(qv_fft&&) noexcept;
 
     // [any-thread]
     std::size_t wlength() const noexcept { return m_Window.size(); }

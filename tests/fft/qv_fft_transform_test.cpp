@@ -277,6 +277,31 @@ TEST_F(EstimatePlans, OverlapAddResynthesisReconstructsTheInput)
     }
 }
 
+// Objects kept in a growing vector are moved; their transforms must still
+// work on the buffers they moved with.
+TEST_F(EstimatePlans, MovedObjectsKeepTransforming)
+{
+    std::vector<qv_fft> bank;
+    for (const std::size_t n : {64u, 128u, 256u, 512u, 1024u})
+        bank.emplace_back(n, n, kWindowHann, SpectrumOrder::Packed, n % 256 ? Backend::Kiss : Backend::Fftw);
+    qv_fft replaced(32, 32, kWindowHann);
+    replaced = std::move(bank.back());
+    bank.back() = qv_fft(2048, 2048, kWindowHann);
+    bank.push_back(std::move(replaced));
+    for (qv_fft& f : bank) {
+        const sample_vector x = support::randomSignal(f.size(), 9);
+        spectrum_vector s(f.nfreq());
+        f.forward(x, s);
+        sample_vector y(f.size(), 0.0f);
+        f.set_scaled_synthesis(true);
+        f.set_gain(WindowOverlapAddFactor(f.window(), f.size()));
+        f.inverse_add(y);
+        // Hann analysis and synthesis of one frame: y = w^2 x / w[N/2]^2.
+        for (std::size_t i = 0; i < f.size(); ++i)
+            ASSERT_NEAR(y[i], f.window()[i] * f.window()[i] * x[i], 1e-5) << f.size() << ' ' << i;
+    }
+}
+
 TEST(FftBackEndChoice, FftwForEverySizeKissOnRequestWhereItServes)
 {
     EXPECT_TRUE(KissServes(16));
