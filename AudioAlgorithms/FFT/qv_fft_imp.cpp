@@ -129,7 +129,8 @@ void ComplexMultiply(const complex_t* a, complex_t* b, std::size_t n) noexcept
 }
 
 std::unique_ptr<qv_fft_imp> CreateTransform(std::size_t size, Direction direction, bool ordered,
-                                            float* time, complex_t* freq, Backend requested)
+                                            float* time, complex_t* freq,
+                                            [[maybe_unused]] Backend requested)
 {
 #if defined(QVD_HAVE_FFTW)
     if (ChooseBackend(size, requested) == Backend::Fftw)

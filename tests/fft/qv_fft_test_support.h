@@ -84,7 +84,21 @@ inline const char* orderName(bool ordered)
     return ordered ? "ordered" : "packed";
 }
 
-// Plans in microseconds so size sweeps stay fast; restores the default after.
+// Whether the build system configured the FFTW back end; HasFftw() must agree.
+constexpr bool kBuiltWithFftw =
+#if defined(QVD_HAVE_FFTW)
+    true;
+#else
+    false;
+#endif
+
+#define FFT_SKIP_WITHOUT_FFTW()                                                           \
+    do {                                                                                  \
+        if (!::twa::fft::HasFftw())                                                       \
+            GTEST_SKIP() << "built without FFTW";                                         \
+    } while (false)
+
+// Plans quickly so size sweeps stay fast; restores the default after.
 class EstimatePlans : public ::testing::Test {
 protected:
     void SetUp() override { SetPlannerRigor(PlannerRigor::Estimate); }
