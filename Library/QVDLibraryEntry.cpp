@@ -10,10 +10,22 @@ extern const unsigned char qvdResourceBundle[];
 extern const std::size_t qvdResourceBundleSize;
 
 namespace {
+// The bundle holds the macro-effect definitions and images. Qt keeps a
+// pointer to it, so it must leave Qt's list before the library is unloaded.
+struct ResourceBundle {
+    bool registered = false;
+    void registerOnce() { registered = QResource::registerResource(qvdResourceBundle); }
+    ~ResourceBundle()
+    {
+        if (registered)
+            QResource::unregisterResource(qvdResourceBundle);
+    }
+};
+ResourceBundle g_bundle;
+
 void registerResources()
 {
-    // Once per process: the bundle holds the macro-effect definitions and images.
-    QResource::registerResource(qvdResourceBundle);
+    g_bundle.registerOnce();
 }
 } // namespace
 

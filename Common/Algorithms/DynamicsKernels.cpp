@@ -1,5 +1,8 @@
 #include "DynamicsKernels.h"
 
+#include <System/twa_cpuinfo_x86.h>
+#include <System/twa_dispatch.h>
+
 #include <cmath>
 
 namespace qvd::dynamics {
@@ -23,15 +26,15 @@ Variant referenceVariant() noexcept
 
 Variant selectVariant() noexcept
 {
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2"))
+    // Forced levels apply; the machine check keeps them from picking code
+    // this processor cannot run.
+    if (twa::HasAVX2() && twa::MachineRuns(twa::IsaNeed::AVX2))
         return {"m256_avx2", &m256_avx2::log10, &m256_avx2::exp10};
     return referenceVariant();
 }
 
 int supportedVariants(Variant* out, int capacity) noexcept
 {
-    __builtin_cpu_init();
     int n = 0;
     auto add = [&](const Variant& v) {
         if (n < capacity)
@@ -39,7 +42,7 @@ int supportedVariants(Variant* out, int capacity) noexcept
         ++n;
     };
     add(referenceVariant());
-    if (__builtin_cpu_supports("avx2"))
+    if (twa::MachineRuns(twa::IsaNeed::AVX2))
         add({"m256_avx2", &m256_avx2::log10, &m256_avx2::exp10});
     return n;
 }

@@ -1,5 +1,8 @@
 #include "QVDEqKernel.h"
 
+#include <System/twa_cpuinfo_x86.h>
+#include <System/twa_dispatch.h>
+
 #include <Algorithms/BiQuad.h>
 
 namespace qvd::eq {
@@ -46,15 +49,17 @@ void fusedChannel(const KernelArgs& args, std::int32_t ch, std::int32_t firstBan
 
 Variant selectKernel() noexcept
 {
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx"))
+    // Forced levels apply; the machine check keeps them from picking code
+    // this processor cannot run.
+    if (twa::HasAVX() && twa::MachineRuns(twa::IsaNeed::AVX))
         return {"m256", &m256::kernel};
-    return {"m128", &m128::kernel};
+    if (twa::HasSSE2())
+        return {"m128", &m128::kernel};
+    return {"ref", &kernel_ref};
 }
 
 int supportedKernels(Variant* out, int capacity) noexcept
 {
-    __builtin_cpu_init();
     int n = 0;
     auto add = [&](const char* name, KernelFn fn) {
         if (n < capacity)
@@ -63,7 +68,7 @@ int supportedKernels(Variant* out, int capacity) noexcept
     };
     add("ref", &kernel_ref);
     add("m128", &m128::kernel);
-    if (__builtin_cpu_supports("avx"))
+    if (twa::MachineRuns(twa::IsaNeed::AVX))
         add("m256", &m256::kernel);
     return n;
 }

@@ -207,21 +207,18 @@ TEST(PluginBase, MetersReadInDecibelsWithASilenceFloor)
     EXPECT_EQ(p.instance->getMeterValues(1, nullptr, 0), 0);
     EXPECT_EQ(p.instance->getMeterValues(-1, nullptr, 0), 0);
 
-    struct Access : QVDTestDelay {
-        using QVDTestDelay::setMeterLevel;
-    };
-    auto* d = static_cast<Access*>(p.delay());
-    d->setMeterLevel(0, 0, 0.0f);
-    d->setMeterLevel(0, 1, 2.0f);
-    d->setMeterLevel(0, 2, 0.5f);
-    d->setMeterLevel(0, 3, 1e-6f);
+    QVDTestDelay* d = p.delay();
+    d->setLevel(0, 0.0f);
+    d->setLevel(1, 2.0f);
+    d->setLevel(2, 0.5f);
+    d->setLevel(3, 1e-6f);
     double db[4];
     ASSERT_EQ(p.instance->getMeterValues(0, db, 4), 4);
     EXPECT_EQ(db[0], -100.0);
     EXPECT_EQ(db[1], 0.0);
     EXPECT_NEAR(db[2], -6.0206, 1e-4);
     EXPECT_EQ(db[3], -100.0);
-    d->setMeterLevel(0, 0, std::numeric_limits<float>::quiet_NaN());
+    d->setLevel(0, std::numeric_limits<float>::quiet_NaN());
     double two[2] = {1, 1};
     EXPECT_EQ(p.instance->getMeterValues(0, two, 2), 4); // size reported, only 2 written
     EXPECT_EQ(two[0], -100.0);

@@ -16,6 +16,9 @@ public:
     static const QVDPluginDescriptor& descriptor();
     static const std::vector<QVDParameterDefinition>& parameterTable();
 
+    // Publishes a meter level as processBlock would.
+    void setLevel(std::int32_t index, float level) { setMeterLevel(0, index, level); }
+
     // What processBlock saw, for the tests.
     int resets = 0;
     std::int64_t preRollFrames = 0;
