@@ -19,6 +19,7 @@
 #include "PluginLibrary.h"
 #include "Progress.h"
 #include "Qvdfx.h"
+#include "Render.h"
 #include "SignalGenerator.h"
 
 using namespace qvdfx;
@@ -57,6 +58,13 @@ const char* kHelp =
     "  demo [OUT]\n"
     "      processes a built-in test signal through a chain of the plugins, prints\n"
     "      the meters and the real-time factor, and writes OUT if given\n"
+    "  panel PLUGIN OUT.png [--set NAME=VALUE ...] [--rate R]\n"
+    "      renders the plugin's editor panel offscreen to a PNG file\n"
+    "  response PLUGIN [--set NAME=VALUE ...] [--rate R] [--points N] [--json]\n"
+    "           [--png OUT.png]\n"
+    "      the magnitude response in dB at N log-spaced frequencies from 20 Hz to\n"
+    "      20 kHz, computed from the plugin's own filters (an equaliser); as a\n"
+    "      table, JSON or a PNG plot\n"
     "  bench [PLUGIN ...] [--channels C] [--block N] [--seconds S] [--json]\n"
     "      per plugin at default settings: the median over 5 runs of nanoseconds\n"
     "      per frame, the real-time factor (audio seconds per CPU second) and the\n"
@@ -443,6 +451,7 @@ int commandDemo(qvd::PluginInterface& registry, Arguments args)
     // The chain grows as plugins land; steps whose plugin is missing are skipped.
     const std::vector<StepSpec> wanted = {
         {"Gain:1364608878", {{"QVDGain::GAIN", "-6"}}},
+        {"Tarnwick EQ:1364608369", {{"BAND_GAIN_2", "3"}, {"BAND_FREQ_2", "2500"}, {"BAND_GAIN_1", "-2"}}},
         {"Gain:1364608878", {{"QVDGain::GAIN", "4.5"}}},
     };
     const auto available = registry.listPlugins(qvd::kAudioPlugin);
@@ -468,10 +477,11 @@ int commandDemo(qvd::PluginInterface& registry, Arguments args)
                 buffers.planar[c][static_cast<std::size_t>(i)] =
                     fed + i < frames ? audio[c][static_cast<std::size_t>(fed + i)] : 0.0f;
         }
-        // Halfway through, the second stage rides its gain down, smoothed.
+        // Halfway through, the last stage rides its gain down, smoothed.
         if (fed <= frames / 2 && fed + n > frames / 2 && chain.size() > 1)
-            const_cast<qvd::PluginInstance&>(chain.plugin(1)).getAudioInterface()->setParameterByIdentifier(
-                "QVDGain::GAIN", -3.0f);
+            const_cast<qvd::PluginInstance&>(chain.plugin(chain.size() - 1))
+                .getAudioInterface()
+                ->setParameterByIdentifier("QVDGain::GAIN", -3.0f);
         chain.process(buffers.pointers.data(), static_cast<std::int32_t>(n));
         for (std::int64_t i = 0; i < n; ++i) {
             const std::int64_t at = fed + i - latency;
@@ -632,7 +642,8 @@ int qvdfx::runCommandLine(std::vector<std::string> words)
     const std::string command = words[0];
     words.erase(words.begin());
     try {
-        static const char* const kCommands[] = {"list", "params", "process", "gen", "demo", "bench"};
+        static const char* const kCommands[] = {"list", "params", "process", "gen", "demo", "bench", "panel",
+                                                "response"};
         if (std::find(std::begin(kCommands), std::end(kCommands), command) == std::end(kCommands))
             fail(kExitUsage, "unknown command '" + command + "' (see 'qvdfx --help')");
         Arguments args(command, words);
@@ -654,6 +665,10 @@ int qvdfx::runCommandLine(std::vector<std::string> words)
             return commandProcess(registry, std::move(args));
         if (command == "demo")
             return commandDemo(registry, std::move(args));
+        if (command == "panel")
+            return commandPanel(registry, std::move(args));
+        if (command == "response")
+            return commandResponse(registry, std::move(args));
         return commandBench(registry, std::move(args));
     } catch (const Failure& f) {
         std::fprintf(stderr, "qvdfx: %s\n", f.message.c_str());

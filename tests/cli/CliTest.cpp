@@ -307,6 +307,44 @@ TEST_F(CliTest, GeneratedSignalsAreDeterministicAndAtTheirLevel)
               static_cast<long>(impulse.samples.size()) - 1);
 }
 
+TEST_F(CliTest, TheEqualiserAppliesItsBellAndDrawsItsResponseAndPanel)
+{
+    gen("tone.wav", "--signal sine --freq 1000 --level -20 --seconds 1 --channels 2");
+    const std::string bell = " --set BAND_GAIN_2=6 --set BAND_FREQ_2=1000";
+    Result r = qvdfx("process " + path("tone.wav") + " " + path("eq.wav") + " -p \"Tarnwick EQ\"" + bell +
+                     " --smoothing off");
+    ASSERT_EQ(r.status, 0) << r.output;
+    const Audio in = readAudio(path("tone.wav")), out = readAudio(path("eq.wav"));
+    ASSERT_EQ(out.samples.size(), in.samples.size());
+    // Steady state: the second half of the file.
+    double inPeak = 0.0, outPeak = 0.0;
+    for (std::size_t i = in.samples.size() / 2; i < in.samples.size(); ++i) {
+        inPeak = std::max(inPeak, static_cast<double>(std::fabs(in.samples[i])));
+        outPeak = std::max(outPeak, static_cast<double>(std::fabs(out.samples[i])));
+    }
+    EXPECT_NEAR(20.0 * std::log10(outPeak / inPeak), 6.0, 0.02);
+
+    r = qvdfx("response \"Tarnwick EQ\" --json --points 2" + bell);
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("\"points\": [[20,"), std::string::npos) << r.output;
+    r = qvdfx("response \"Tarnwick EQ\" --png " + path("curve.png") + bell);
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = qvdfx("panel \"Tarnwick EQ\" " + path("eq.png") + bell);
+    ASSERT_EQ(r.status, 0) << r.output;
+    r = qvdfx("panel Gain " + path("gain.png"));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("360 x 194"), std::string::npos) << r.output;
+    for (const char* png : {"curve.png", "eq.png", "gain.png"}) {
+        std::ifstream f(path(png), std::ios::binary);
+        char magic[8] = {};
+        f.read(magic, 8);
+        EXPECT_EQ(std::string(magic + 1, 3), "PNG") << png;
+    }
+    r = qvdfx("response Gain");
+    EXPECT_EQ(r.status, 4);
+    EXPECT_NE(r.output.find("has no frequency response"), std::string::npos) << r.output;
+}
+
 TEST_F(CliTest, DemoAndBenchRun)
 {
     Result r = qvdfx("demo " + path("demo.wav"));
