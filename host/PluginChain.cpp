@@ -111,13 +111,13 @@ float resolveValue(const qvd::PluginInstance& plugin, std::int32_t index, const 
 
 PluginChain::PluginChain(qvd::PluginInterface& registry, const std::vector<StepSpec>& steps, bool force)
 {
-    for (const StepSpec& spec : steps) {
-        const std::string key = resolvePluginKey(registry, spec.plugin);
+    for (const StepSpec& step : steps) {
+        const std::string key = resolvePluginKey(registry, step.plugin);
         qvd::PluginInstance* instance = registry.createPlugin(qvd::kAudioPlugin, key.c_str());
         if (!instance)
             fail(kExitPlugin, "cannot create plugin '" + key + "'");
         m_steps.push_back(std::make_unique<PluginHandle>(instance));
-        for (const auto& [name, value] : spec.settings) {
+        for (const auto& [name, value] : step.settings) {
             const std::int32_t index = resolveParameter(*instance, name);
             instance->setParameter(index, resolveValue(*instance, index, value, force));
         }

@@ -18,26 +18,26 @@ SignalKind parseSignalKind(const std::string& text)
     fail(kExitUsage, "--signal must be sine, sweep, noise, pink, impulse or silence, not '" + text + "'");
 }
 
-SignalGenerator::SignalGenerator(const SignalSpec& spec, std::int64_t totalFrames)
-    : m_spec(spec),
+SignalGenerator::SignalGenerator(const SignalSpec& signal, std::int64_t totalFrames)
+    : m_signal(signal),
       m_total(totalFrames),
-      m_amplitude(std::pow(10.0, spec.levelDb / 20.0)),
-      m_rng(spec.seed),
-      m_pinkState(static_cast<std::size_t>(spec.channels), std::vector<double>(7, 0.0))
+      m_amplitude(std::pow(10.0, signal.levelDb / 20.0)),
+      m_rng(signal.seed),
+      m_pinkState(static_cast<std::size_t>(signal.channels), std::vector<double>(7, 0.0))
 {
 }
 
 float SignalGenerator::next(int channel)
 {
-    const double t = static_cast<double>(m_position) / m_spec.rate;
-    switch (m_spec.kind) {
+    const double t = static_cast<double>(m_position) / m_signal.rate;
+    switch (m_signal.kind) {
     case SignalKind::Sine:
-        return static_cast<float>(m_amplitude * std::sin(2.0 * std::numbers::pi * m_spec.frequency * t));
+        return static_cast<float>(m_amplitude * std::sin(2.0 * std::numbers::pi * m_signal.frequency * t));
     case SignalKind::Sweep: {
         // Exponential sweep from the start frequency to 90 % of Nyquist over the whole signal.
-        const double f0 = m_spec.frequency;
-        const double f1 = std::max(f0 * 1.0001, 0.45 * m_spec.rate);
-        const double length = std::max<double>(1.0, static_cast<double>(m_total)) / m_spec.rate;
+        const double f0 = m_signal.frequency;
+        const double f1 = std::max(f0 * 1.0001, 0.45 * m_signal.rate);
+        const double length = std::max<double>(1.0, static_cast<double>(m_total)) / m_signal.rate;
         const double k = std::log(f1 / f0) / length;
         const double phase = 2.0 * std::numbers::pi * f0 * (std::exp(k * t) - 1.0) / k;
         return static_cast<float>(m_amplitude * std::sin(phase));
@@ -70,7 +70,7 @@ float SignalGenerator::next(int channel)
 void SignalGenerator::generate(float* const* channels, std::int32_t frames)
 {
     for (std::int32_t n = 0; n < frames; ++n) {
-        for (int c = 0; c < m_spec.channels; ++c)
+        for (int c = 0; c < m_signal.channels; ++c)
             channels[c][n] = next(c);
         ++m_position;
     }

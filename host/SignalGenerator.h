@@ -25,14 +25,14 @@ struct SignalSpec {
 // Produces the signal block by block, planar.
 class SignalGenerator {
 public:
-    SignalGenerator(const SignalSpec& spec, std::int64_t totalFrames);
+    SignalGenerator(const SignalSpec& signal, std::int64_t totalFrames);
     // Fills `frames` frames of every channel.
     void generate(float* const* channels, std::int32_t frames);
 
 private:
     float next(int channel);
 
-    SignalSpec m_spec;
+    SignalSpec m_signal;
     std::int64_t m_total;
     std::int64_t m_position = 0;
     double m_amplitude;

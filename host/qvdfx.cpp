@@ -356,27 +356,27 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
 int commandGen(Arguments args)
 {
     std::string out;
-    SignalSpec spec;
+    SignalSpec signal;
     bool haveSignal = false;
     double seconds = 1.0;
     SampleFormat format = SampleFormat::Float;
     while (!args.done()) {
         const std::string a = args.take();
         if (a == "--signal") {
-            spec.kind = parseSignalKind(args.value(a));
+            signal.kind = parseSignalKind(args.value(a));
             haveSignal = true;
         } else if (a == "--freq") {
-            spec.frequency = parseReal(args.value(a), 0.001, 1e6, "--freq");
+            signal.frequency = parseReal(args.value(a), 0.001, 1e6, "--freq");
         } else if (a == "--level") {
-            spec.levelDb = parseReal(args.value(a), -200.0, 40.0, "--level");
+            signal.levelDb = parseReal(args.value(a), -200.0, 40.0, "--level");
         } else if (a == "--seconds") {
             seconds = parseReal(args.value(a), 0.0, 86400.0, "--seconds");
         } else if (a == "--rate") {
-            spec.rate = static_cast<int>(parseInteger(args.value(a), 1, 1536000, "--rate"));
+            signal.rate = static_cast<int>(parseInteger(args.value(a), 1, 1536000, "--rate"));
         } else if (a == "--channels") {
-            spec.channels = static_cast<int>(parseInteger(args.value(a), 1, kMaxChannels, "--channels"));
+            signal.channels = static_cast<int>(parseInteger(args.value(a), 1, kMaxChannels, "--channels"));
         } else if (a == "--seed") {
-            spec.seed = static_cast<std::uint32_t>(parseInteger(args.value(a), 0, 4294967295LL, "--seed"));
+            signal.seed = static_cast<std::uint32_t>(parseInteger(args.value(a), 0, 4294967295LL, "--seed"));
         } else if (a == "--format") {
             format = parseSampleFormat(args.value(a));
         } else if (out.empty() && a.rfind("-", 0) != 0) {
@@ -389,13 +389,13 @@ int commandGen(Arguments args)
         fail(kExitUsage, "gen: give an output file");
     if (!haveSignal)
         fail(kExitUsage, "gen: choose a signal with --signal sine|sweep|noise|pink|impulse|silence");
-    if (spec.frequency >= spec.rate / 2.0 && (spec.kind == SignalKind::Sine || spec.kind == SignalKind::Sweep))
-        fail(kExitUsage, "gen: --freq must be below half the rate (" + std::to_string(spec.rate / 2) + " Hz)");
-    const auto total = static_cast<std::int64_t>(std::llround(seconds * spec.rate));
-    SignalGenerator generator(spec, total);
-    AudioWriter writer(out, spec.rate, spec.channels, format);
+    if (signal.frequency >= signal.rate / 2.0 && (signal.kind == SignalKind::Sine || signal.kind == SignalKind::Sweep))
+        fail(kExitUsage, "gen: --freq must be below half the rate (" + std::to_string(signal.rate / 2) + " Hz)");
+    const auto total = static_cast<std::int64_t>(std::llround(seconds * signal.rate));
+    SignalGenerator generator(signal, total);
+    AudioWriter writer(out, signal.rate, signal.channels, format);
     const int block = 4096;
-    Buffers buffers(spec.channels, block);
+    Buffers buffers(signal.channels, block);
     for (std::int64_t done = 0; done < total; done += block) {
         const auto n = static_cast<std::int32_t>(std::min<std::int64_t>(block, total - done));
         generator.generate(buffers.pointers.data(), n);
