@@ -61,13 +61,13 @@ TEST_F(FftContracts, ShortBuffersAreReportedAndZeroFilled)
     qv_fft f(64, 48, kWindowHann);
     const sample_vector full = support::randomSignal(64, 2);
     const std::span<const float> in47(full.data(), 47);
-    spectrum_vector spec(f.nfreq());
+    spectrum_vector spectrum(f.nfreq());
     sample_vector out(64);
     const std::span<float> out47(out.data(), 47);
     auto zero = [](std::span<const complex_t> s) {
         return std::all_of(s.begin(), s.end(), [](complex_t v) { return v == complex_t{}; });
     };
-    auto specZero = [&] { return zero(spec); };
+    auto spectrumZero = [&] { return zero(spectrum); };
     auto outIs = [&](float v, std::size_t n) {
         return std::all_of(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(n),
                            [v](float o) { return o == v; });
@@ -80,19 +80,19 @@ TEST_F(FftContracts, ShortBuffersAreReportedAndZeroFilled)
     const Case cases[] = {
         {"wlength() == p_InSamples.size()", [&] { f.forward(in47); }, [&] { return zero(f.spectrum()); }},
         {"wlength() <= p_InSamples.size()", [&] { f.forward_front(in47); }, [] { return true; }},
-        {"p_InSamples.size() >= this->wlength()", [&] { f.forward(in47, spec); }, specZero},
+        {"p_InSamples.size() >= this->wlength()", [&] { f.forward(in47, spectrum); }, spectrumZero},
         {"this->size() <= p_InSamples.size()",
-         [&] { f.forward_raw(std::span<const float>(full).first(63), spec); }, specZero},
+         [&] { f.forward_raw(std::span<const float>(full).first(63), spectrum); }, spectrumZero},
         {"wlength() == p_OutSamples.size()", [&] { f.inverse(out47); },
          [&] { return outIs(0.0f, 47) && out[47] == 7.0f; }},
         {"this->wlength() <= p_OutSamples.size()", [&] { f.inverse_add(out47); },
          [&] { return outIs(7.0f, 64); }},
-        {"this->size() <= p_OutSamples.size()", [&] { f.inverse_raw(spec, std::span<float>(out).first(63)); },
+        {"this->size() <= p_OutSamples.size()", [&] { f.inverse_raw(spectrum, std::span<float>(out).first(63)); },
          [&] { return outIs(0.0f, 63) && out[63] == 7.0f; }},
     };
     for (const Case& c : cases) {
         f.forward(std::span<const float>(full).first(48));
-        std::fill(spec.begin(), spec.end(), complex_t(7.0f, 7.0f));
+        std::fill(spectrum.begin(), spectrum.end(), complex_t(7.0f, 7.0f));
         std::fill(out.begin(), out.end(), 7.0f);
         AssertCatcher catcher;
         c.call();
@@ -103,7 +103,7 @@ TEST_F(FftContracts, ShortBuffersAreReportedAndZeroFilled)
     // Longer buffers are fine where the contract says "<=".
     AssertCatcher catcher;
     f.forward_front(full);
-    f.forward(full, spec);
+    f.forward(full, spectrum);
     f.inverse_add(out);
     EXPECT_EQ(catcher.count(), 0u);
 }
