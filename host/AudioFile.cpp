@@ -44,12 +44,18 @@ AudioReader::AudioReader(const std::string& path) : m_path(path)
     m_file = sf_open(path.c_str(), SFM_READ, &m_info);
     if (!m_file)
         fail(kExitFile, "cannot read '" + path + "': " + sf_strerror(nullptr));
+    // A throw from here skips the destructor, so the file is closed first.
+    auto refuse = [&](const std::string& why) {
+        sf_close(m_file);
+        m_file = nullptr;
+        fail(kExitFile, why);
+    };
     if (m_info.channels < 1 || m_info.channels > 64)
-        fail(kExitFile, "'" + path + "' has " + std::to_string(m_info.channels) + " channels; 1 to 64 are supported");
+        refuse("'" + path + "' has " + std::to_string(m_info.channels) + " channels; 1 to 64 are supported");
     if (m_info.samplerate < 1 || m_info.samplerate > 1536000)
-        fail(kExitFile, "'" + path + "' has a sample rate of " + std::to_string(m_info.samplerate) + " Hz");
+        refuse("'" + path + "' has a sample rate of " + std::to_string(m_info.samplerate) + " Hz");
     if (m_info.frames < 0)
-        fail(kExitFile, "'" + path + "' has no frame count");
+        refuse("'" + path + "' has no frame count");
 }
 
 AudioReader::~AudioReader()
