@@ -351,12 +351,18 @@ bool allFinite(const Signal& s, std::size_t from, std::string& where)
     return true;
 }
 
-// Accepted channel configurations, a few per plugin: mono, stereo, widest;
-// generators (no inputs) get outputs only.
-std::vector<std::pair<int, int>> channelConfigs(AudioPlugin& a, const qvd::PluginInfo& info)
+// Accepted channel configurations: mono, stereo and the widest in the quick
+// pass, every count in the long one; generators (no inputs) get outputs only.
+std::vector<std::pair<int, int>> channelConfigs(AudioPlugin& a, const qvd::PluginInfo& info, bool every)
 {
+    std::vector<int> counts = {1, 2, info.channels};
+    if (every) {
+        counts.clear();
+        for (int n = 1; n <= info.channels; ++n)
+            counts.push_back(n);
+    }
     std::vector<std::pair<int, int>> configs;
-    for (const int n : {1, 2, info.channels}) {
+    for (const int n : counts) {
         std::pair<int, int> cfg{-1, -1};
         if (n >= 1 && a.setChannelFormats(qvd::formatForChannels(n), qvd::formatForChannels(n)))
             cfg = {n, n};
@@ -482,7 +488,7 @@ void checkMatrix(Context& ctx, const std::string& key, const qvd::PluginInfo& in
         ctx.report.fail(key, "registry", "listed but cannot be created");
         return;
     }
-    const auto configs = channelConfigs(*inst.a(), info);
+    const auto configs = channelConfigs(*inst.a(), info, ctx.longPass);
     ctx.report.check(!configs.empty(), key, "formats", "accepts no channel configuration");
     std::vector<double> rates = {44100, 48000, 96000};
     std::vector<int> blocks = {1, 7, 64, 511, 4096};
