@@ -5,6 +5,7 @@
 // the derived value as it was, other values are clamped into a range wide
 // enough that no legitimate setting is touched.
 
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 
@@ -61,6 +62,25 @@ inline bool holdSamples(std::int32_t sampleRate, float ms, std::int32_t& out)
     else
         out = static_cast<std::int32_t>(n);
     return true;
+}
+
+// Publishes a time constant's coefficient pair for the audio thread; a NaN
+// keeps the pair as it was.
+inline void storeTime(std::atomic<float>& k, std::atomic<float>& complement, std::int32_t sampleRate, float ms)
+{
+    float a = 0.0f, b = 0.0f;
+    if (timeCoefficient(sampleRate, ms, a, b)) {
+        k.store(a, std::memory_order_relaxed);
+        complement.store(b, std::memory_order_relaxed);
+    }
+}
+
+// Publishes a hold time in samples; a NaN keeps it as it was.
+inline void storeHold(std::atomic<std::int32_t>& samples, std::int32_t sampleRate, float ms)
+{
+    std::int32_t n = 0;
+    if (holdSamples(sampleRate, ms, n))
+        samples.store(n, std::memory_order_relaxed);
 }
 
 // truncate(value + 0.5) != 0 without converting an out-of-range float.

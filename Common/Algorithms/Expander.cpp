@@ -66,8 +66,6 @@ bool Expander::setParameter(std::uint32_t index, float value)
 {
     if (!QVDAudioAlgorithm::setParameter(index, value))
         return false;
-    constexpr auto relaxed = std::memory_order_relaxed;
-    float a = 0.0f, b = 0.0f;
     switch (index) {
     case THRES:
     case RATIO:
@@ -75,22 +73,13 @@ bool Expander::setParameter(std::uint32_t index, float value)
         recomputeLevels();
         break;
     case ATTACK:
-        if (timeCoefficient(m_sampleRate, value, a, b)) {
-            m_attack.store(a, relaxed);
-            m_attackC.store(b, relaxed);
-        }
+        storeTime(m_attack, m_attackC, m_sampleRate, value);
         break;
-    case HOLD: {
-        std::int32_t n = 0;
-        if (holdSamples(m_sampleRate, value, n))
-            m_holdSamples.store(n, relaxed);
+    case HOLD:
+        storeHold(m_holdSamples, m_sampleRate, value);
         break;
-    }
     case RELEASE:
-        if (timeCoefficient(m_sampleRate, value, a, b)) {
-            m_release.store(a, relaxed);
-            m_releaseC.store(b, relaxed);
-        }
+        storeTime(m_release, m_releaseC, m_sampleRate, value);
         break;
     default:
         break;

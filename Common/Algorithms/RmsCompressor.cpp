@@ -103,14 +103,9 @@ bool RmsCompressor::setParameter(std::uint32_t index, float value)
 {
     if (!QVDAudioAlgorithm::setParameter(index, value))
         return false;
-    constexpr auto relaxed = std::memory_order_relaxed;
-    float a = 0.0f, b = 0.0f;
     switch (index) {
     case RMS_SPEED:
-        if (timeCoefficient(m_sampleRate, value, a, b)) {
-            m_rms.store(a, relaxed);
-            m_rmsC.store(b, relaxed);
-        }
+        storeTime(m_rms, m_rmsC, m_sampleRate, value);
         break;
     case THRES:
     case RATIO:
@@ -122,16 +117,10 @@ bool RmsCompressor::setParameter(std::uint32_t index, float value)
         recomputeKnee();
         break;
     case ATTACK:
-        if (timeCoefficient(m_sampleRate, value, a, b)) {
-            m_attack.store(a, relaxed);
-            m_attackC.store(b, relaxed);
-        }
+        storeTime(m_attack, m_attackC, m_sampleRate, value);
         break;
     case RELEASE:
-        if (timeCoefficient(m_sampleRate, value, a, b)) {
-            m_release.store(a, relaxed);
-            m_releaseC.store(b, relaxed);
-        }
+        storeTime(m_release, m_releaseC, m_sampleRate, value);
         break;
     case MAKEUP_GAIN:
     case AUTO_MAKEUP:
