@@ -1,0 +1,58 @@
+#include "qv_reflections_mod.h"
+
+#include <System/twa_assert.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+
+qv_reflections_mod::qv_reflections_mod(std::uint32_t inputs, std::uint32_t maxBlock)
+    : m_inputs(inputs), m_maxBlock(maxBlock), m_inputScale(inputs > 0 ? 1.0f / static_cast<float>(inputs) : 0.0f)
+{
+    const std::size_t size = std::bit_ceil(std::size_t{qv_reflections_mod_param::DelayLines::MaxLength} + maxBlock + 1);
+    m_line.assign(size, 0.0f);
+    m_mask = size - 1;
+    m_param.delays.fill(1);
+}
+
+void qv_reflections_mod::set_param(const qv_reflections_mod_param& p) noexcept
+{
+    m_param = p;
+    for (auto& d : m_param.delays)
+        d = std::max<std::uint16_t>(d, 1);
+}
+
+void qv_reflections_mod::process(const float* const* in, float* taps, std::size_t stride, std::size_t frames) noexcept
+{
+    QVD_ASSERT(frames <= m_maxBlock);
+    float* line = m_line.data();
+    for (std::size_t n = 0; n < frames; ++n) {
+        float sum = 0.0f;
+        for (std::uint32_t c = 0; c < m_inputs; ++c)
+            sum += in[c][n];
+        const float v = sum * m_inputScale;
+        line[(m_write + n) & m_mask] = std::isfinite(v) ? v : 0.0f;
+    }
+    for (std::uint32_t t = 0; t < qv_lines; ++t) {
+        float* out = taps + t * stride;
+        const float g = m_param.gains[t];
+        std::size_t pos = (m_write - m_param.delays[t]) & m_mask;
+        std::size_t n = 0;
+        while (n < frames) {
+            // Contiguous runs up to the end of the ring.
+            const std::size_t run = std::min(frames - n, m_line.size() - pos);
+            const float* src = line + pos;
+            for (std::size_t k = 0; k < run; ++k)
+                out[n + k] = g * src[k];
+            n += run;
+            pos = (pos + run) & m_mask;
+        }
+    }
+    m_write = (m_write + frames) & m_mask;
+}
+
+void qv_reflections_mod::reset() noexcept
+{
+    std::fill(m_line.begin(), m_line.end(), 0.0f);
+    m_write = 0;
+}
