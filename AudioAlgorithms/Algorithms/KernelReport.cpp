@@ -6,6 +6,7 @@
 #include "Algorithms/FindMinMax.h"
 #include "Algorithms/Func.h"
 #include "Algorithms/Interleave.h"
+#include "Algorithms/Lpfm16.h"
 #include "Algorithms/Polar2Rect.h"
 #include "Algorithms/Rect2Polar.h"
 #include "Algorithms/Vec.h"
@@ -41,6 +42,8 @@ std::vector<KernelChoice> ChosenKernels()
     for (std::size_t b : {4, 8})
         note<eq::BiquadBand, std::size_t, eq::BiquadForm>(out, "BiquadBand(" + std::to_string(b) + " bands)",
                                                            eq::BiquadBandVariants(), b, eq::BiquadForm::DF2T);
+    for (std::size_t c : {1, 2})
+        note<Lpfm16, std::size_t>(out, "Lpfm16(" + std::to_string(c) + " channels)", Lpfm16Variants(), c);
     for (SampleFormat f : {SampleFormat::Int16, SampleFormat::Int24, SampleFormat::Float32})
         note<Deinterleave, std::size_t, SampleFormat>(
             out, std::string("Deinterleave(2 channels, ") + formatName(f) + ")", DeinterleaveVariants(), 2, f);
