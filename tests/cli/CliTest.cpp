@@ -369,6 +369,14 @@ TEST_F(CliTest, DemoAndBenchRun)
     ASSERT_EQ(results.size(), 1);
     EXPECT_GT(results[0].toObject().value("ns_per_frame").toDouble(), 0.0);
     EXPECT_GT(results[0].toObject().value("realtime_factor").toDouble(), 1.0);
+
+    // The reverb at 96 kHz runs its half-rate engine.
+    r = qvdfx("bench Reverb --rate 96000 --seconds 0.05 --json", true);
+    ASSERT_EQ(r.status, 0) << r.output;
+    const QJsonObject at96 = QJsonDocument::fromJson(QByteArray::fromStdString(r.output)).object();
+    EXPECT_EQ(at96.value("rate").toInt(), 96000);
+    EXPECT_GT(at96.value("results").toArray()[0].toObject().value("ns_per_frame").toDouble(), 0.0);
+    EXPECT_EQ(qvdfx("bench Reverb --rate 0", true).status, 2);
 }
 
 } // namespace

@@ -1,0 +1,250 @@
+// The room reverb plugin from the host's side: parameter names and curves,
+// derived room shape, engine choice by rate, hand-over of settings to the
+// audio thread, odd blocks at oversampled rates, and the editor.
+
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QLabel>
+
+#include <QVDReverb.h>
+#include <QVDReverbPanel.h>
+#include <qvd/PluginInterface.h>
+
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+extern "C" void* GetQVDPluginInterface();
+
+namespace {
+
+constexpr const char* kKey = "Reverb:1364611682";
+using Signal = std::vector<std::vector<float>>;
+
+struct Reverb {
+    Reverb()
+        : instance(static_cast<qvd::PluginInterface*>(GetQVDPluginInterface())->createPlugin(qvd::kAudioPlugin, kKey)),
+          plugin(dynamic_cast<QVDReverb*>(instance))
+    {
+    }
+    ~Reverb() { instance->destroy(); }
+    AudioPlugin* audio() const { return instance->getAudioInterface(); }
+    bool prepare(float rate, int block, int channels = 2)
+    {
+        const qvd::PrepareConfig config{qvd::formatForChannels(channels), qvd::formatForChannels(channels), 0, 0};
+        return audio()->prepare(rate, block, &config);
+    }
+    // Runs `in` in place through the plugin in blocks of `block`.
+    Signal run(Signal in, int block)
+    {
+        qvd::BlockRecord record{};
+        std::vector<float*> p(in.size());
+        for (std::size_t pos = 0; pos < in[0].size(); pos += static_cast<std::size_t>(block)) {
+            const auto n = static_cast<std::int32_t>(std::min<std::size_t>(block, in[0].size() - pos));
+            for (std::size_t c = 0; c < in.size(); ++c)
+                p[c] = in[c].data() + pos;
+            audio()->process(&record, p.data(), p.data(), n);
+        }
+        return in;
+    }
+    qvd::PluginInstance* instance;
+    QVDReverb* plugin;
+};
+
+Signal noise(std::size_t frames, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(-0.5f, 0.5f);
+    Signal s(2, std::vector<float>(frames));
+    for (auto& ch : s)
+        for (auto& v : ch)
+            v = u(rng);
+    return s;
+}
+
+TEST(ReverbPlugin, NamesLongAndShort)
+{
+    Reverb r;
+    ASSERT_EQ(r.instance->parameterCount(), 22);
+    const char* labels[22] = {"Room Height",           "Room Length",          "Room Width",
+                              "Room Size",             "Room Ratio",           "Pre-Delay",
+                              "Reverb Time",           "Distance",             "Brightness",
+                              "Modulation",            "Early Refl. Low Freq", "Early Refl. High Freq",
+                              "Early Refl. Low Gain",  "Early Refl. High Gain", "Rev. Tone Low Freq",
+                              "Rev. Tone High Freq",   "Rev. Tone Low Gain",   "Rev. Tone High Gain",
+                              "Dry/Wet",               "Direct Gain",          "Early Refl. Gain",
+                              "Late Rev. Gain"};
+    for (int i = 0; i < 22; ++i) {
+        qvd::ParameterInfo info;
+        ASSERT_TRUE(r.instance->parameterInfo(i, &info));
+        EXPECT_EQ(info.label, labels[i]);
+        EXPECT_EQ(info.minimum, 0.0f);
+        EXPECT_EQ(info.maximum, 1.0f);
+    }
+    EXPECT_EQ(std::wstring(QVDReverb::shortName(6)), L"T@-60dB");
+    EXPECT_EQ(std::wstring(QVDReverb::shortName(14)), L"Late Rev. low Freq");
+    EXPECT_EQ(std::wstring(QVDReverb::shortName(19)), L"Direct gain");
+    EXPECT_EQ(std::wstring(QVDReverb::shortName(22)), L"");
+    EXPECT_EQ(std::wstring(QVDReverb::shortName(-1)), L"");
+}
+
+TEST(ReverbPlugin, CurvesHitTheirStatedPoints)
+{
+    using R = QVDReverb;
+    const struct {
+        std::uint32_t index;
+        float at0, at1;
+    } ends[] = {{R::ROOM_HEIGHT, 2, 10},       {R::ROOM_LENGTH, 3, 30},        {R::ROOM_WIDTH, 4, 40},
+                {R::PRE_DELAY, -0.2f, 0.2f},   {R::REVERB_TIME, 0.1f, 4},      {R::DISTANCE, 0.01f, 30},
+                {R::BRIGHTNESS, 0.06f, 1},     {R::MODULATION, 0, 100},        {R::EARLY_LOW_FREQ, 150, 500},
+                {R::EARLY_HIGH_FREQ, 1000, 16000}, {R::LATE_LOW_GAIN, 0.125f, 2}, {R::DRY_WET, 0, 0.5f},
+                {R::DIRECT_GAIN, 0, 2},        {R::LATE_GAIN, 0, 2}};
+    for (const auto& e : ends) {
+        EXPECT_NEAR(R::settingOf(e.index, 0.0f), e.at0, 1e-4f * std::fabs(e.at0) + 1e-6f) << e.index;
+        EXPECT_NEAR(R::settingOf(e.index, 1.0f), e.at1, 1e-4f * std::fabs(e.at1)) << e.index;
+        for (const float v : {0.0f, 0.2f, 0.5f, 0.77f, 1.0f})
+            EXPECT_NEAR(R::normalisedOf(e.index, R::settingOf(e.index, v)), v, 2e-4f) << e.index << " at " << v;
+    }
+    EXPECT_EQ(R::settingOf(R::PRE_DELAY, 0.5f), 0.0f);
+    EXPECT_FLOAT_EQ(R::levelCurve(0.05f), 0.01f);
+    EXPECT_FLOAT_EQ(R::levelCurve(0.025f), 0.005f);
+    EXPECT_EQ(R::levelCurve(0.0f), 0.0f);
+    EXPECT_NEAR(R::levelCurve(1.0f), 2.0f, 1e-5f);
+    EXPECT_EQ(R::normalisedOf(R::DISTANCE, 1000.0f), 1.0f);
+    EXPECT_EQ(R::normalisedOf(R::DISTANCE, -5.0f), 0.0f);
+}
+
+TEST(ReverbPlugin, DefaultsReproduceTheDefaultRecord)
+{
+    Reverb r;
+    const auto& want = QVDReverb::defaultSettings();
+    EXPECT_NEAR(want[3], want[0] * want[1], 1e-3f);
+    EXPECT_NEAR(want[4], want[1] / want[0], 1e-5f);
+    for (std::int32_t i = 0; i < 22; ++i)
+        r.instance->setParameter(i, r.instance->getParameter(i));
+    const auto got = r.plugin->settings();
+    for (int s = 0; s < 28; ++s)
+        EXPECT_NEAR(got[s], want[s], 1e-4f * std::fabs(want[s]) + 1e-6f) << "setting " << s;
+}
+
+TEST(ReverbPlugin, RoomLengthAndWidthDeriveSizeAndRatio)
+{
+    Reverb r;
+    r.instance->setParameter(QVDReverb::ROOM_WIDTH, 0.0f);  // 4 m
+    r.instance->setParameter(QVDReverb::ROOM_LENGTH, 0.0f); // 3 m
+    auto s = r.plugin->settings();
+    EXPECT_FLOAT_EQ(s[3], 12.0f);
+    EXPECT_FLOAT_EQ(s[4], 0.75f);
+    EXPECT_EQ(r.plugin->displayText(QVDReverb::ROOM_SIZE), QString::fromUtf8("12.0 m\u00b2"));
+    const float sizeV = r.instance->getParameter(QVDReverb::ROOM_SIZE);
+    r.instance->setParameter(QVDReverb::ROOM_SIZE, 0.9f);
+    r.instance->setParameter(QVDReverb::ROOM_RATIO, 0.9f);
+    EXPECT_EQ(r.plugin->settings(), s);
+    EXPECT_EQ(r.instance->getParameter(QVDReverb::ROOM_SIZE), sizeV);
+    // NaN leaves a setting alone; out-of-range values are held at the ends.
+    r.instance->setParameter(QVDReverb::REVERB_TIME, std::nanf(""));
+    EXPECT_EQ(r.plugin->settings()[5], s[5]);
+    r.instance->setParameter(QVDReverb::REVERB_TIME, 7.0f);
+    EXPECT_NEAR(r.plugin->settings()[5], 4.0f, 1e-5f);
+}
+
+TEST(ReverbPlugin, EngineFollowsTheExactSampleRate)
+{
+    const struct {
+        float rate;
+        std::uint32_t factor;
+        float engine;
+    } cases[] = {{44100, 1, 44100},  {48000, 1, 48000},  {88200, 2, 44100},   {96000, 2, 48000},
+                 {100000, 1, 100000}, {176400, 4, 44100}, {192000, 4, 48000}, {384000, 1, 384000}};
+    for (const auto& c : cases) {
+        Reverb r;
+        ASSERT_TRUE(r.prepare(c.rate, 256));
+        EXPECT_EQ(r.plugin->oversampling(), c.factor) << c.rate;
+        EXPECT_EQ(r.plugin->engineRate(), c.engine) << c.rate;
+        if (c.factor == 1)
+            EXPECT_EQ(r.audio()->latency(), 0u) << c.rate;
+        else
+            EXPECT_GT(r.audio()->latency(), c.factor) << c.rate;
+    }
+}
+
+TEST(ReverbPlugin, LevelsAndPreDelayReachTheEngineRecord)
+{
+    Reverb r;
+    ASSERT_TRUE(r.prepare(48000, 256));
+    r.instance->setParameter(QVDReverb::DIRECT_GAIN, 0.05f);
+    r.instance->setParameter(QVDReverb::DRY_WET, 0.0f);
+    EXPECT_NEAR(r.plugin->engineParam().direct.gain[0][0], 0.01f, 1e-7f);
+    r.instance->setParameter(QVDReverb::PRE_DELAY, 0.0f);
+    EXPECT_EQ(r.plugin->engineParam().early.delays[0], 4);
+    r.instance->setParameter(QVDReverb::PRE_DELAY, 0.5f);
+    EXPECT_GT(r.plugin->engineParam().early.delays[0], 4);
+}
+
+// A set between blocks changes the sound from the next block on.
+TEST(ReverbPlugin, SettingsReachTheAudioThreadBetweenBlocks)
+{
+    Reverb r;
+    ASSERT_TRUE(r.prepare(48000, 256));
+    const Signal in = noise(256 * 8, 1);
+    const Signal wet = r.run(in, 256);
+    EXPECT_NE(wet, in);
+    r.instance->setParameter(QVDReverb::DRY_WET, 0.0f);
+    EXPECT_EQ(r.run(in, 256), in) << "fully dry passes the input unchanged";
+    // All three levels at 0: silence.
+    r.instance->setParameter(QVDReverb::DRY_WET, 1.0f);
+    for (const auto p : {QVDReverb::DIRECT_GAIN, QVDReverb::EARLY_GAIN, QVDReverb::LATE_GAIN})
+        r.instance->setParameter(p, 0.0f);
+    const Signal silent = r.run(in, 256);
+    for (const auto& ch : silent)
+        for (const float v : ch)
+            ASSERT_EQ(v, 0.0f);
+}
+
+TEST(ReverbPlugin, OversampledRatesTakeAnyBlockLength)
+{
+    Reverb r;
+    ASSERT_TRUE(r.prepare(96000, 512));
+    r.instance->setParameter(QVDReverb::DRY_WET, 0.0f);
+    const std::size_t latency = r.audio()->latency();
+    Signal in(2, std::vector<float>(9000, 0.0f));
+    const double w = 2.0 * 3.141592653589793 * 1000.0 / 96000.0;
+    for (std::size_t n = 0; n < in[0].size(); ++n)
+        in[0][n] = in[1][n] = static_cast<float>(0.5 * std::sin(w * static_cast<double>(n)));
+    Signal ragged = r.run(in, 333);
+    Reverb again;
+    ASSERT_TRUE(again.prepare(96000, 512));
+    again.instance->setParameter(QVDReverb::DRY_WET, 0.0f);
+    const Signal even = again.run(in, 512);
+    EXPECT_EQ(ragged, even) << "block length must not change the result";
+    // Dry: the input again, a latency later, through both converters.
+    for (std::size_t n = 4000; n < 9000; ++n)
+        ASSERT_NEAR(ragged[0][n], in[0][n - latency], 2e-3f) << n;
+}
+
+TEST(ReverbPlugin, EditorShowsEveryParameter)
+{
+    static int argc = 1;
+    static char name[] = "reverb_tests";
+    static char* argv[] = {name, nullptr};
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    static QApplication app(argc, argv);
+    Reverb r;
+    std::unique_ptr<QWidget> w(static_cast<QWidget*>(r.instance->createEditor(nullptr)));
+    auto* panel = qobject_cast<QVDReverbPanel*>(w.get());
+    ASSERT_NE(panel, nullptr);
+    int knobs = 0;
+    for (int i = 0; i < 22; ++i)
+        knobs += panel->knob(i) != nullptr;
+    EXPECT_EQ(knobs, 20) << "room size and ratio are readings, not controls";
+    EXPECT_EQ(panel->valueText(QVDReverb::DISTANCE), QStringLiteral("4.00 m"));
+    EXPECT_EQ(panel->valueText(QVDReverb::REVERB_TIME), QStringLiteral("0.95 s"));
+    r.instance->setParameter(QVDReverb::LATE_GAIN, 0.0f);
+    panel->refresh();
+    EXPECT_EQ(panel->valueText(QVDReverb::LATE_GAIN), QStringLiteral("-inf dB"));
+}
+
+} // namespace
