@@ -12,16 +12,18 @@ qv_reverb_u15_oversampled::qv_reverb_u15_oversampled(std::uint32_t factor, const
     const std::size_t low = m_engine.max_block();
     m_inFrameSize = low * factor;
     const std::size_t ins = std::max(m_engine.inputs(), 1u), outs = std::max(m_engine.outputs(), 1u);
-    if (factor == 4) {
-        m_down = std::make_unique<Downsampler_x4>(ins, m_inFrameSize);
-        m_up = std::make_unique<Upsampler_x4>(outs, low);
-    } else {
-        m_down = std::make_unique<Downsampler_x2>(ins, m_inFrameSize);
-        m_up = std::make_unique<Upsampler_x2>(outs, low);
+    for (std::size_t c = 0; c < ins; ++c) {
+        if (factor == 4)
+            m_down.push_back(std::make_unique<Downsampler_x4>(1, m_inFrameSize));
+        else
+            m_down.push_back(std::make_unique<Downsampler_x2>(1, m_inFrameSize));
     }
-    const std::size_t widest = std::max(ins, outs);
-    m_hostInterleaved.assign(m_inFrameSize * widest, 0.0f);
-    m_lowInterleaved.assign(low * widest, 0.0f);
+    for (std::size_t c = 0; c < outs; ++c) {
+        if (factor == 4)
+            m_up.push_back(std::make_unique<Upsampler_x4>(1, low));
+        else
+            m_up.push_back(std::make_unique<Upsampler_x2>(1, low));
+    }
     m_lowIn.assign(low * ins, 0.0f);
     m_lowOut.assign(low * outs, 0.0f);
     for (std::size_t c = 0; c < m_engine.inputs(); ++c)
@@ -34,7 +36,7 @@ qv_reverb_u15_oversampled::~qv_reverb_u15_oversampled() = default;
 
 std::size_t qv_reverb_u15_oversampled::Latency() const
 {
-    return (m_down->Latency() + m_up->Latency()) * m_param.GetRate();
+    return (m_down[0]->Latency() + m_up[0]->Latency()) * m_param.GetRate();
 }
 
 void qv_reverb_u15_oversampled::reset(bool clear) noexcept
@@ -42,8 +44,10 @@ void qv_reverb_u15_oversampled::reset(bool clear) noexcept
     if (!clear)
         return;
     m_engine.reset();
-    m_down->Reset();
-    m_up->Reset();
+    for (auto& d : m_down)
+        d->Reset();
+    for (auto& u : m_up)
+        u->Reset();
 }
 
 void qv_reverb_u15_oversampled::process(const float* const* in, float* const* out, std::size_t nsamples) noexcept
@@ -76,25 +80,10 @@ void qv_reverb_u15_oversampled::process(const float* const* in, float* const* ou
 
 void qv_reverb_u15_oversampled::processChunk(const float* const* in, float* const* out, std::size_t nsamples) noexcept
 {
-    const std::size_t ins = m_engine.inputs(), outs = m_engine.outputs();
-    float* host = m_hostInterleaved.data();
-    float* low = m_lowInterleaved.data();
-
-    for (std::size_t c = 0; c < ins; ++c)
-        for (std::size_t n = 0; n < nsamples; ++n)
-            host[n * ins + c] = in[c][n];
-    const std::size_t lowFrames = m_down->Process(host, nsamples, low);
-    for (std::size_t c = 0; c < ins; ++c)
-        for (std::size_t n = 0; n < lowFrames; ++n)
-            m_lowInRows[c][n] = low[n * ins + c];
-
+    std::size_t lowFrames = 0;
+    for (std::size_t c = 0; c < m_engine.inputs(); ++c)
+        lowFrames = m_down[c]->Process(in[c], nsamples, m_lowInRows[c]);
     m_engine.process(m_lowInRows, m_lowOutRows, lowFrames);
-
-    for (std::size_t c = 0; c < outs; ++c)
-        for (std::size_t n = 0; n < lowFrames; ++n)
-            low[n * outs + c] = m_lowOutRows[c][n];
-    const std::size_t hostFrames = m_up->Process(low, lowFrames, host);
-    for (std::size_t c = 0; c < outs; ++c)
-        for (std::size_t n = 0; n < hostFrames; ++n)
-            out[c][n] = host[n * outs + c];
+    for (std::size_t c = 0; c < m_engine.outputs(); ++c)
+        m_up[c]->Process(m_lowOutRows[c], lowFrames, out[c]);
 }

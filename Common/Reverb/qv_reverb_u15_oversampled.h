@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 struct qv_reverb_u15_os_param {
     std::uint32_t factor = 2;
@@ -48,10 +49,10 @@ private:
     qv_reverb_u15_os_param m_param;
     qv_reverb_u15 m_engine;
     std::size_t m_inFrameSize;
-    std::unique_ptr<twa::numeric::PolyphaseResampler> m_down;
-    std::unique_ptr<twa::numeric::PolyphaseResampler> m_up;
-    twa::sample_vector m_hostInterleaved; // host rate, max(in, out) channels
-    twa::sample_vector m_lowInterleaved;  // engine rate, max(in, out) channels
+    // One mono converter per channel: planar rows go straight through, and
+    // every factor gets its vector kernels.
+    std::vector<std::unique_ptr<twa::numeric::PolyphaseResampler>> m_down;
+    std::vector<std::unique_ptr<twa::numeric::PolyphaseResampler>> m_up;
     twa::sample_vector m_lowIn;           // planar, inputs x max_block
     twa::sample_vector m_lowOut;          // planar, outputs x max_block
     float* m_lowInRows[qv_max_channels] = {};

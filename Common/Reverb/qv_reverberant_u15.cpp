@@ -69,7 +69,9 @@ qv_reverberant_u15::qv_reverberant_u15(std::uint32_t outputs, std::uint32_t maxB
     const double r = rate > 0.0f ? static_cast<double>(rate) : 48000.0;
     for (std::uint32_t i = 0; i < qv_lines; ++i) {
         const double hz = 0.35 * std::pow(1.09, static_cast<double>(i));
-        m_omega[i] = 2.0 * std::numbers::pi * hz / r;
+        const double step = 2.0 * std::numbers::pi * hz / r * kSegment;
+        m_stepCos[i] = std::cos(step);
+        m_stepSin[i] = std::sin(step);
     }
     m_delay.fill(1);
     m_param.outputs = m_outputs;
@@ -117,8 +119,12 @@ void qv_reverberant_u15::reset() noexcept
     m_write = 0;
     m_state = {};
     m_toneState.fill(0.0f);
-    for (std::uint32_t i = 0; i < qv_lines; ++i)
-        m_phase[i] = 2.0 * std::numbers::pi * std::fmod(0.6180339887 * i, 1.0);
+    for (std::uint32_t i = 0; i < qv_lines; ++i) {
+        const double phase = 2.0 * std::numbers::pi * std::fmod(0.6180339887 * i, 1.0);
+        m_cos[i] = std::cos(phase);
+        m_sin[i] = std::sin(phase);
+    }
+    m_segments = 0;
     m_offStart.fill(0.0f);
     m_offEnd.fill(0.0f);
     m_slope.fill(0.0f);
@@ -130,11 +136,21 @@ void qv_reverberant_u15::beginSegment() noexcept
 {
     for (std::uint32_t i = 0; i < qv_lines; ++i) {
         m_offStart[i] = m_offEnd[i];
-        m_phase[i] += m_omega[i] * kSegment;
-        if (m_phase[i] >= 2.0 * std::numbers::pi)
-            m_phase[i] -= 2.0 * std::numbers::pi;
-        m_offEnd[i] = m_depth[i] * static_cast<float>(0.5 * (1.0 + std::sin(m_phase[i])));
+        // Rotate the oscillator one segment on; cheaper than a sine per line.
+        const double c = m_cos[i], s = m_sin[i];
+        m_cos[i] = c * m_stepCos[i] - s * m_stepSin[i];
+        m_sin[i] = s * m_stepCos[i] + c * m_stepSin[i];
+        m_offEnd[i] = m_depth[i] * static_cast<float>(0.5 * (1.0 + m_sin[i]));
         m_slope[i] = (m_offEnd[i] - m_offStart[i]) * (1.0f / kSegment);
+    }
+    // Rounding would slowly change the oscillators' amplitude; pull it back
+    // to one now and then.
+    if (++m_segments % 1024 == 0) {
+        for (std::uint32_t i = 0; i < qv_lines; ++i) {
+            const double norm = 1.0 / std::sqrt(m_cos[i] * m_cos[i] + m_sin[i] * m_sin[i]);
+            m_cos[i] *= norm;
+            m_sin[i] *= norm;
+        }
     }
     updateReadLimit();
 }

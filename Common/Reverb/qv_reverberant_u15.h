@@ -65,8 +65,12 @@ private:
     std::array<float, qv_max_channels> m_tone{};
     std::array<float, qv_max_channels> m_toneState{};
 
-    std::array<double, qv_lines> m_phase{};
-    std::array<double, qv_lines> m_omega{};
+    // Each line's oscillator as a unit phasor, turned by one segment's step.
+    std::array<double, qv_lines> m_cos{};
+    std::array<double, qv_lines> m_sin{};
+    std::array<double, qv_lines> m_stepCos{};
+    std::array<double, qv_lines> m_stepSin{};
+    std::uint64_t m_segments = 0;
     std::array<float, qv_lines> m_offStart{};
     std::array<float, qv_lines> m_offEnd{};
     std::array<float, qv_lines> m_slope{};
