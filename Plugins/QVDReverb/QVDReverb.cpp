@@ -186,7 +186,22 @@ const std::vector<QVDParameterDefinition>& QVDReverb::parameterTable()
 QVDReverb::QVDReverb(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services)
     : QVDAudioPlugin<QVDReverb>(descriptor, hostContext, services, parameterTable()), m_settings(defaultSettings())
 {
+    addMeterGroup(QStringLiteral("Input"), maxInputs());
+    addMeterGroup(QStringLiteral("Output"), maxOutputs());
+    channelCountsChanged();
 }
+
+namespace {
+
+float peakOf(const float* x, std::size_t n) noexcept
+{
+    float p = 0.0f;
+    for (std::size_t i = 0; i < n; ++i)
+        p = std::max(p, std::fabs(x[i]));
+    return p;
+}
+
+} // namespace
 
 QVDReverb::~QVDReverb() = default;
 
@@ -348,6 +363,8 @@ bool QVDReverb::prepareProcessing()
 
 void QVDReverb::channelCountsChanged()
 {
+    setMeterGroupSize(kInputMeter, activeInputs());
+    setMeterGroupSize(kOutputMeter, activeOutputs());
     if (sampleRate() <= 0)
         return;
     try {
@@ -374,6 +391,8 @@ void QVDReverb::processBlock(const qvd::BlockRecord* block, const float* const* 
 {
     frames = prepareBlock(inputs, sequenceOf(block), frames);
     const auto n = static_cast<std::size_t>(frames);
+    for (std::int32_t c = 0; c < activeInputs(); ++c)
+        setMeterLevel(kInputMeter, c, bypassed() ? 0.0f : peakOf(inputs[c], n));
     if (!bypassed() && (m_plain || m_oversampled)) {
         if (const qv_reverb_u15_param* fresh = m_exchange.take()) {
             if (m_plain)
@@ -406,6 +425,8 @@ void QVDReverb::processBlock(const qvd::BlockRecord* block, const float* const* 
             m_readyFrames -= n;
         }
     }
+    for (std::int32_t c = 0; c < activeOutputs(); ++c)
+        setMeterLevel(kOutputMeter, c, bypassed() ? 0.0f : peakOf(outputs[c], n));
     completeBlock(inputs, outputs, frames, 0);
 }
 

@@ -48,6 +48,7 @@ public:
         kParameterCount
     };
     using Settings = qv_reverb_u15_control::Settings;
+    enum MeterGroup : std::int32_t { kInputMeter = 0, kOutputMeter = 1 };
 
     QVDReverb(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
     ~QVDReverb() override;

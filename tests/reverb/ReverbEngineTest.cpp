@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <cstdio>
 #include <random>
 
 namespace {
@@ -74,6 +75,7 @@ TEST(ReverbEngine, DecayTimeFollowsTheReverbTimeSetting)
             qv_reverb_u15 engine(*setup.param);
             const Signal ir = run(engine, impulse(1, static_cast<std::size_t>(rate * T * 1.5f)), 512);
             const double measured = decayTime(ir[0], rate);
+            std::printf("  reverb time %.2f s at %.0f Hz: measured %.3f s\n", T, rate, measured);
             EXPECT_NEAR(measured / T, 1.0, 0.15) << "T " << T << " at " << rate << " Hz: " << measured;
         }
     }
@@ -85,6 +87,7 @@ TEST(ReverbEngine, DecayTimeFollowsTheReverbTimeSetting)
         qv_reverb_u15_x2 engine(*setup.param);
         const Signal ir = run(engine, impulse(1, static_cast<std::size_t>(96000 * T * 1.5f)), 512);
         const double measured = decayTime(ir[0], 96000.0);
+        std::printf("  reverb time %.2f s at 96000 Hz: measured %.3f s\n", T, measured);
         EXPECT_NEAR(measured / T, 1.0, 0.15) << "T " << T << " at 96 kHz: " << measured;
     }
 }
@@ -103,6 +106,7 @@ TEST(ReverbEngine, LateEchoDensityPassesAThousandPerSecondWithin100ms)
     int echoes = 0;
     for (std::size_t n = 4320; n < 4800; ++n)
         echoes += std::fabs(ir[0][n]) > 1e-6f * top;
+    std::printf("  late echoes between 90 and 100 ms: %d (%d per second)\n", echoes, echoes * 100);
     EXPECT_GT(echoes * 100, 1000) << echoes << " echoes between 90 and 100 ms";
 }
 
