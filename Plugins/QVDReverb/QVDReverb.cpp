@@ -339,7 +339,9 @@ bool QVDReverb::buildEngine()
     m_factor = factor;
 
     m_pending.assign(factor == 1 ? 0 : ins, std::vector<float>(block + factor));
-    m_ready.assign(factor == 1 ? 0 : outs, std::vector<float>(block + 2 * factor));
+    // Output waiting to leave: the fixed `factor`, what the last block left
+    // pending, and one whole converted block.
+    m_ready.assign(factor == 1 ? 0 : outs, std::vector<float>(block + 3 * factor));
     m_pendingRows.clear();
     m_readyRows.clear();
     for (auto& ch : m_pending)
