@@ -6,10 +6,12 @@
 #include <bit>
 #include <cmath>
 
-qv_reflections_mod::qv_reflections_mod(std::uint32_t inputs, std::uint32_t maxBlock)
+qv_reflections_mod::qv_reflections_mod(std::uint32_t inputs, std::uint32_t maxBlock, std::uint32_t max_length)
     : m_inputs(inputs), m_maxBlock(maxBlock), m_inputScale(inputs > 0 ? 1.0f / static_cast<float>(inputs) : 0.0f)
 {
-    const std::size_t size = std::bit_ceil(std::size_t{qv_reflections_mod_param::DelayLines::MaxLength} + maxBlock + 1);
+    QVD_ASSERT(max_length <= qv_reflections_mod_param::DelayLines::MaxLength);
+    m_maxLength = std::clamp<std::uint32_t>(max_length, 1, qv_reflections_mod_param::DelayLines::MaxLength);
+    const std::size_t size = std::bit_ceil(std::size_t{m_maxLength} + maxBlock + 1);
     m_line.assign(size, 0.0f);
     m_mask = size - 1;
     m_param.delays.fill(1);
@@ -19,7 +21,7 @@ void qv_reflections_mod::set_param(const qv_reflections_mod_param& p) noexcept
 {
     m_param = p;
     for (auto& d : m_param.delays)
-        d = std::max<std::uint16_t>(d, 1);
+        d = static_cast<std::uint16_t>(std::clamp<std::uint32_t>(d, 1, m_maxLength));
 }
 
 void qv_reflections_mod::process(const float* const* in, float* taps, std::size_t stride, std::size_t frames) noexcept

@@ -11,10 +11,12 @@
 
 class qv_reflections_mod {
 public:
-    // [not while processing] Throws std::bad_alloc.
-    qv_reflections_mod(std::uint32_t inputs, std::uint32_t maxBlock);
+    // [not while processing] The line holds taps up to max_length samples,
+    // which may not exceed DelayLines::MaxLength. Throws std::bad_alloc.
+    qv_reflections_mod(std::uint32_t inputs, std::uint32_t maxBlock,
+                       std::uint32_t max_length = qv_reflections_mod_param::DelayLines::MaxLength);
 
-    // [audio-thread] Between blocks.
+    // [audio-thread] Between blocks; taps are limited to [1, max_length].
     void set_param(const qv_reflections_mod_param& p) noexcept;
     // [audio-thread] frames <= maxBlock. Tap t goes to taps + t * stride.
     // A non-finite input sample enters the line as silence, so one bad sample
@@ -30,6 +32,7 @@ private:
     qv_reflections_mod_param m_param{};
     std::uint32_t m_inputs;
     std::uint32_t m_maxBlock;
+    std::uint32_t m_maxLength;
     float m_inputScale;
     twa::sample_vector m_line;
     std::size_t m_mask;

@@ -340,8 +340,10 @@ bool qv_reverb_u15_control::designBand(BandCache& cache, std::uint32_t first, st
     cache.level = g;
     cache.third = q;
     cache.designed = true;
-    // Keep the corner inside the band the engine rate can carry, and the
-    // shelf's level and slope positive; anything else designs a neutral band.
+    // The low band is a low shelf and the high band a high shelf; the third
+    // value is the shelf's Q (0.333 by default: a gentle, wide slope). Keep
+    // the corner inside the band the engine rate can carry, and level and Q
+    // positive; anything else designs a neutral band.
     const double nyquistGuard = 0.45 * static_cast<double>(m_rate);
     const double fd = std::clamp(static_cast<double>(f), 10.0, nyquistGuard);
     BiQuadCoefficients c;

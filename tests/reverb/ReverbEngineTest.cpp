@@ -223,6 +223,23 @@ TEST(ReverbEngine, RecordForOtherChannelCountsIsRefused)
     EXPECT_TRUE(engine.set_param(*stereo.param));
 }
 
+TEST(ReverbEngine, ReflectionLineLongerThanItsLimitIsAContractFailure)
+{
+    QVD_SKIP_WITHOUT_ASSERTS();
+    AssertCapture capture;
+    AssertCapture::reports().clear();
+    qv_reflections_mod taps(1, 64, qv_reflections_mod_param::DelayLines::MaxLength + 1);
+    ASSERT_EQ(AssertCapture::reports().size(), 1u);
+    EXPECT_EQ(AssertCapture::reports()[0].condition, "max_length <= qv_reflections_mod_param::DelayLines::MaxLength");
+    // Held at the limit: a tap past it reads the longest delay there is.
+    qv_reflections_mod_param p;
+    p.delays.fill(100);
+    p.gains.fill(1.0f);
+    qv_reflections_mod shortLine(1, 64, 50);
+    shortLine.set_param(p);
+    EXPECT_EQ(shortLine.param().delays[0], 50);
+}
+
 TEST(ReverbOversampled, DirectSoundArrivesAfterTheReportedLatency)
 {
     Control::Settings s = defaults();
