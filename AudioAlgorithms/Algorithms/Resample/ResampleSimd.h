@@ -5,7 +5,8 @@
 //
 // Lanes run across frames (and across the two channels of a stereo frame),
 // never across taps: each lane sums its taps in the reference's order, so
-// the non-FMA builds match the reference bit for bit.
+// the non-FMA builds match the reference bit for bit (all but the half-band
+// kernels at the end, which sum mirrored pairs).
 
 #ifndef TWA_ISA
 #error "define TWA_ISA before including a SIMD header"
@@ -17,6 +18,8 @@
 #include "System/simd/twa_simd_kernel.h"
 
 #include <cstddef>
+#include <type_traits>
+#include <utility>
 
 namespace twa::numeric::TWA_ISA::polyphase {
 
@@ -335,6 +338,175 @@ inline const float* downsample(const float* h, std::size_t taps, const float* in
     else
         downRun<L, C, false>(h, taps, taps, in, out, outs);
     return in + outs * L * C;
+}
+
+// ---------------------------------------------------------------------------
+// The x2 downsampler on a symmetric half-band block (ResampleKernels.h): each
+// mirrored pair of even frames is added first, then multiplied once. The
+// outputs of a stretch are summed in passes of kSymPassTaps taps, each pass
+// streaming over all of them: output vector v reads its forward operand for
+// tap k + F where vector v + 1 reads it for tap k, and its mirrored operand
+// where v - 1 does (F output frames per vector), so a window of registers
+// carries each loaded vector from one output to the next, and no sum waits
+// on its own previous step. Taps run in residue order, k = r, r + F,
+// r + 2 F ... for each r < F, the same for every output wherever a call
+// starts or ends.
+
+// Taps per pass: their coefficients and both operand windows, 3 T + 2
+// vectors, stay within 16 registers.
+constexpr std::size_t kSymPassTaps = 4;
+
+// The even and the odd frames of the 2 F frames in lo, hi.
+template <std::size_t C>
+inline void evenOddFrames(V lo, V hi, V& even, V& odd)
+{
+    if constexpr (C == 1) {
+        deinterleave2(lo, hi, even, odd);
+    } else {
+        static_assert(C == 2, "one or two channels");
+#if TWA_RESAMPLE_LANES == 4
+        even.r = _mm_movelh_ps(lo.r, hi.r);
+        odd.r = _mm_movehl_ps(hi.r, lo.r);
+#else
+        const __m256d a = _mm256_castps_pd(_mm256_permute2f128_ps(lo.r, hi.r, 0x20));
+        const __m256d b = _mm256_castps_pd(_mm256_permute2f128_ps(lo.r, hi.r, 0x31));
+        even.r = _mm256_castpd_ps(_mm256_unpacklo_pd(a, b));
+        odd.r = _mm256_castpd_ps(_mm256_unpackhi_pd(a, b));
+#endif
+    }
+}
+
+// Frames 0, 2, 4 ... of src to even, 1, 3, 5 ... to odd: `frames` of each.
+template <std::size_t C>
+inline void splitEvenOdd(const float* src, std::size_t frames, float* even, float* odd)
+{
+    constexpr std::size_t F = V::W / C;
+    std::size_t m = 0;
+    for (; m + F <= frames; m += F) {
+        V e, o;
+        evenOddFrames<C>(load(src + 2 * m * C), load(src + (2 * m + F) * C), e, o);
+        store(even + m * C, e);
+        store(odd + m * C, o);
+    }
+    for (; m < frames; ++m) {
+        for (std::size_t c = 0; c < C; ++c) {
+            even[m * C + c] = src[2 * m * C + c];
+            odd[m * C + c] = src[(2 * m + 1) * C + c];
+        }
+    }
+}
+
+template <std::size_t N, class Fn>
+inline void unrolled(Fn&& f)
+{
+    [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (f(std::integral_constant<std::size_t, I>{}), ...);
+    }(std::make_index_sequence<N>{});
+}
+
+// Calls f(integral_constant<n>) for the n in 1 .. N equal to count.
+template <std::size_t N, class Fn>
+inline void withCount(std::size_t count, Fn&& f)
+{
+    unrolled<N>([&](auto n) {
+        if (count == n + 1)
+            f(std::integral_constant<std::size_t, n + 1>{});
+    });
+}
+
+// Adds T taps to the sums in part, vector v of them taking coefficient j
+// from h[j * hstep] and its operands at p + (v + j) W and m + (v - j) W.
+template <std::size_t T>
+inline void symPass(const float* h, std::size_t hstep, const float* p, const float* m, float* part,
+                    std::size_t vectors)
+{
+    constexpr std::size_t W = V::W;
+    V c[T];
+    unrolled<T>([&](auto j) { c[j] = set1(h[j * hstep]); });
+    // For vector v, operand j sits in P[(j + v) % T] and M[(j - v) % T]: each
+    // vector loads one new one into each window, the rest move on.
+    V P[T], M[T];
+    unrolled<T - 1>([&](auto j) {
+        P[j] = load(p + j * W);
+        M[j + 1] = load(m - (j + 1) * W);
+    });
+    auto one = [&](auto sc, std::size_t v) {
+        constexpr std::size_t s = decltype(sc)::value; // v % T
+        P[(T - 1 + s) % T] = load(p + (T - 1 + v) * W);
+        M[(T - s) % T] = load(m + v * W);
+        V acc = load(part + v * W);
+        unrolled<T>([&](auto j) { acc = madd(P[(j + s) % T] + M[(j + T - s) % T], c[j], acc); });
+        store(part + v * W, acc);
+    };
+    std::size_t v = 0;
+    for (; v + T <= vectors; v += T)
+        unrolled<T>([&](auto s) { one(s, v + s); });
+    // The last few as one straight run, so the windows stay in registers.
+    withCount<T - 1>(vectors - v, [&](auto n) { unrolled<n>([&](auto s) { one(s, v + s); }); });
+}
+
+template <std::size_t C>
+inline void symRun(const float* h, std::size_t half, std::size_t d, const float* in, float* out,
+                   std::size_t outs)
+{
+    constexpr std::size_t W = V::W;
+    constexpr std::size_t F = W / C;
+    constexpr std::size_t T = kSymPassTaps;
+    constexpr std::size_t kStride = (kDownChunk + kDownMaxTaps) * C;
+    const std::size_t taps = 2 * half;
+    alignas(32) float even[kStride];
+    alignas(32) float odd[kStride];
+    alignas(32) float part[kDownChunk * C];
+    for (std::size_t n0 = 0; n0 < outs; n0 += kDownChunk) {
+        const std::size_t q = outs - n0 < kDownChunk ? outs - n0 : kDownChunk;
+        const std::size_t vectors = (q + F - 1) / F;
+        // Even frames read; the odd ones, d to d + q - 1, lie within as well.
+        const std::size_t used = q + taps - 1;
+        const std::size_t padded = vectors * F + taps - 1;
+        splitEvenOdd<C>(in + 2 * n0 * C, used, even, odd);
+        for (std::size_t i = used * C; i < padded * C; ++i) {
+            even[i] = 0.0f;
+            odd[i] = 0.0f;
+        }
+        for (std::size_t i = 0; i < vectors * W; ++i)
+            part[i] = 0.0f;
+        for (std::size_t r = 0; r < F && r < half; ++r) {
+            const std::size_t steps = (half - r + F - 1) / F; // taps r, r + F ... below half
+            for (std::size_t i = 0; i < steps; i += T) {
+                const std::size_t k = r + i * F;
+                withCount<T>(steps - i < T ? steps - i : T, [&](auto n) {
+                    symPass<n>(h + 2 * k, 2 * F, even + k * C, even + (taps - 1 - k) * C, part, vectors);
+                });
+            }
+        }
+        const V hd = set1(h[2 * d + 1]);
+        float* dst = out + n0 * C;
+        std::size_t v = 0;
+        for (; (v + 1) * F <= q; ++v)
+            store(dst + v * W, load(part + v * W) + load(odd + (d + v * F) * C) * hd);
+        if (v < vectors) {
+            alignas(32) float tail[W];
+            store(tail, load(part + v * W) + load(odd + (d + v * F) * C) * hd);
+            for (std::size_t i = 0; i < (q - v * F) * C; ++i)
+                dst[v * W + i] = tail[i];
+        }
+    }
+}
+
+template <std::size_t C>
+inline const float* downsampleSym(const float* h, std::size_t taps, std::size_t d, const float* in, float* out,
+                                  std::size_t frames) noexcept
+{
+    check_ptr<V>(in);
+    check_ptr<V>(out);
+    check_ptr<V>(h);
+    QVD_ASSERT(taps % 2 == 0 && d < taps);
+    const std::size_t outs = frames / 2;
+    if (taps > kDownMaxTaps)
+        downScalar<2, C>(h, taps, d, in, out, outs);
+    else
+        symRun<C>(h, taps / 2, d, in, out, outs);
+    return in + outs * 2 * C;
 }
 
 } // namespace twa::numeric::TWA_ISA::polyphase

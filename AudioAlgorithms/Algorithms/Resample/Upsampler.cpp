@@ -13,10 +13,26 @@ namespace twa::numeric {
 // ---------------------------------------------------------------------------
 // Coefficient block
 
+namespace {
+
+// The one non-zero tap of phase 1 when phase 0 of a factor-2 block reads the
+// same backwards and has an even length; `taps` otherwise.
+std::size_t symmetricHalfbandTap(const float* h, std::size_t factor, std::size_t taps) noexcept
+{
+    if (factor != 2 || taps < 2 || taps % 2 != 0)
+        return taps;
+    for (std::size_t k = 0; k < taps / 2; ++k)
+        if (!(h[2 * k] == h[2 * (taps - 1 - k)]))
+            return taps;
+    return SingleTap(h, 2, 1, taps);
+}
+
+} // namespace
+
 CoefficientBlock::CoefficientBlock(std::size_t granularity, const float* table, std::size_t count,
                                    std::size_t factor)
     : m_count(count), m_factor(factor), m_taps(factor ? count / factor : 0), m_bytes(0),
-      m_granularity(granularity)
+      m_granularity(granularity), m_halfbandTap(m_taps)
 {
     if (factor == 0)
         throw std::invalid_argument("CoefficientBlock: factor must not be 0");
@@ -28,6 +44,7 @@ CoefficientBlock::CoefficientBlock(std::size_t granularity, const float* table, 
     std::memset(m_data, 0, m_bytes);
     // A table longer than L whole phases keeps only what fits.
     std::memcpy(m_data, table, std::min(count * sizeof(float), m_bytes));
+    m_halfbandTap = symmetricHalfbandTap(m_data, factor, static_cast<std::size_t>(m_taps));
 }
 
 CoefficientBlock::~CoefficientBlock()
@@ -41,12 +58,16 @@ std::uint64_t CoefficientBlock::Factor() const noexcept { return m_factor; }
 std::uint64_t CoefficientBlock::TapsPerPhase() const noexcept { return m_taps; }
 std::size_t CoefficientBlock::StorageBytes() const noexcept { return m_bytes; }
 std::size_t CoefficientBlock::Granularity() const noexcept { return m_granularity; }
+bool CoefficientBlock::IsSymmetricHalfband() const noexcept { return m_halfbandTap < m_taps; }
+std::uint64_t CoefficientBlock::HalfbandTap() const noexcept { return m_halfbandTap; }
 
 // ---------------------------------------------------------------------------
 // Variant infos. Out of line on purpose: no copy of them may be compiled with
 // a per-ISA file's flags.
 
 AlgoInfo::~AlgoInfo() = default;
+bool AlgoInfo::NeedsTableShape() const noexcept { return false; }
+bool AlgoInfo::Serves(const CoefficientBlock&) const noexcept { return true; }
 
 #define TWA_DEFINE_POLYPHASE_INFO(NAME, TEXT, ALIGN, FRAMES, CHANNELS, LEVEL, FMA, NEED)          \
     NAME::NAME() noexcept = default;                                                                \
@@ -61,11 +82,20 @@ AlgoInfo::~AlgoInfo() = default;
     const char* NAME::Name() const noexcept { return TEXT; }                                        \
     IsaNeed NAME::Needs() const noexcept { return IsaNeed::NEED; }
 
-// Block frames: lanes / channels, times the accumulator blocks per step.
+// Block frames: lanes / channels, times the accumulator blocks per step (the
+// _Sym kernels: times the output vectors one round of a pass takes).
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c1_m256, "Upsampler_x2_Algo_c1_m256", 32, 32, 1, kIsaAVX, false, AVX)
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c1_m128, "Upsampler_x2_Algo_c1_m128", 16, 16, 1, kIsaSSE2, false, SSE2)
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c2_m256, "Upsampler_x2_Algo_c2_m256", 32, 16, 2, kIsaAVX, false, AVX)
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c2_m128, "Upsampler_x2_Algo_c2_m128", 16, 8, 2, kIsaSSE2, false, SSE2)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Sym_Algo_Info_c1_m256_fma, "Downsampler_x2_Sym_Algo_c1_m256_fma", 32, 32, 1, kIsaAVX, true, FMA)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Sym_Algo_Info_c1_m256, "Downsampler_x2_Sym_Algo_c1_m256", 32, 32, 1, kIsaAVX, false, AVX)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Sym_Algo_Info_c2_m256_fma, "Downsampler_x2_Sym_Algo_c2_m256_fma", 32, 16, 2, kIsaAVX, true, FMA)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Sym_Algo_Info_c2_m256, "Downsampler_x2_Sym_Algo_c2_m256", 32, 16, 2, kIsaAVX, false, AVX)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Sym_Algo_Info_c1_m128_fma, "Downsampler_x2_Sym_Algo_c1_m128_fma", 16, 16, 1, kIsaSSE2, true, FMA)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Sym_Algo_Info_c1_m128, "Downsampler_x2_Sym_Algo_c1_m128", 16, 16, 1, kIsaSSE2, false, SSE2)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Sym_Algo_Info_c2_m128_fma, "Downsampler_x2_Sym_Algo_c2_m128_fma", 16, 8, 2, kIsaSSE2, true, FMA)
+TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Sym_Algo_Info_c2_m128, "Downsampler_x2_Sym_Algo_c2_m128", 16, 8, 2, kIsaSSE2, false, SSE2)
 TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c1_m256_fma, "Downsampler_x2_Algo_c1_m256_fma", 32, 64, 1, kIsaAVX, true, FMA)
 TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c1_m256, "Downsampler_x2_Algo_c1_m256", 32, 64, 1, kIsaAVX, false, AVX)
 TWA_DEFINE_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c2_m256_fma, "Downsampler_x2_Algo_c2_m256_fma", 32, 32, 2, kIsaAVX, true, FMA)
@@ -89,6 +119,21 @@ TWA_DEFINE_POLYPHASE_INFO(Upsampler_x8_Algo_Info_c2_m256_avx2, "Upsampler_x8_Alg
 TWA_DEFINE_POLYPHASE_INFO(Upsampler_x8_Algo_Info_c2_m256, "Upsampler_x8_Algo_c2_m256", 32, 4, 2, kIsaAVX, false, AVX)
 
 #undef TWA_DEFINE_POLYPHASE_INFO
+
+#define TWA_DEFINE_POLYPHASE_SYM_SHAPE(NAME)                                                        \
+    bool NAME::NeedsTableShape() const noexcept { return true; }                                    \
+    bool NAME::Serves(const CoefficientBlock& coefs) const noexcept { return coefs.IsSymmetricHalfband(); }
+
+TWA_DEFINE_POLYPHASE_SYM_SHAPE(Downsampler_x2_Sym_Algo_Info_c1_m256_fma)
+TWA_DEFINE_POLYPHASE_SYM_SHAPE(Downsampler_x2_Sym_Algo_Info_c1_m256)
+TWA_DEFINE_POLYPHASE_SYM_SHAPE(Downsampler_x2_Sym_Algo_Info_c2_m256_fma)
+TWA_DEFINE_POLYPHASE_SYM_SHAPE(Downsampler_x2_Sym_Algo_Info_c2_m256)
+TWA_DEFINE_POLYPHASE_SYM_SHAPE(Downsampler_x2_Sym_Algo_Info_c1_m128_fma)
+TWA_DEFINE_POLYPHASE_SYM_SHAPE(Downsampler_x2_Sym_Algo_Info_c1_m128)
+TWA_DEFINE_POLYPHASE_SYM_SHAPE(Downsampler_x2_Sym_Algo_Info_c2_m128_fma)
+TWA_DEFINE_POLYPHASE_SYM_SHAPE(Downsampler_x2_Sym_Algo_Info_c2_m128)
+
+#undef TWA_DEFINE_POLYPHASE_SYM_SHAPE
 
 // ---------------------------------------------------------------------------
 // Algorithm objects
@@ -133,6 +178,23 @@ public:
     }
 };
 
+// The symmetric half-band kernel on blocks of that shape (checked when the
+// block was built), the generic kernel of the same instruction set on others.
+template <HalfbandKernel Sym, PolyphaseKernel Generic, std::size_t Channels>
+class HalfbandAlgo : public AlgoDownsampler_x2 {
+public:
+    const float* Process(const CoefficientBlock& coefs, const float* in, float* out,
+                         std::size_t frames) const noexcept override
+    {
+        if (!out)
+            return in + frames / kFactor * kFactor * Channels;
+        const auto taps = static_cast<std::size_t>(coefs.TapsPerPhase());
+        if (coefs.IsSymmetricHalfband())
+            return Sym(coefs.Data(), taps, static_cast<std::size_t>(coefs.HalfbandTap()), in, out, frames);
+        return Generic(coefs.Data(), taps, in, out, frames);
+    }
+};
+
 template <class Algo, class Info>
 class AlgoSpecialized final : public Algo {
 public:
@@ -150,6 +212,8 @@ template <class Algo, class Info>
 using AlgoUpsamplerSpecialized = AlgoSpecialized<Algo, Info>;
 template <class Algo, class Info>
 using AlgoDownsamplerSpecialized = AlgoSpecialized<Algo, Info>;
+template <HalfbandKernel Sym, PolyphaseKernel Generic, std::size_t Channels, class Info>
+using AlgoHalfbandSpecialized = AlgoSpecialized<HalfbandAlgo<Sym, Generic, Channels>, Info>;
 
 // The reference kernel of a family; serves any channel count.
 template <class Base>
@@ -191,6 +255,31 @@ using Upsampler_x2_Algo_c2_m256 =
     AlgoUpsamplerSpecialized<KernelAlgo<AlgoUpsampler_x2, &m256::Upsampler_x2_c2_FIR, 2>, Upsampler_x2_Algo_Info_c2_m256>;
 using Upsampler_x2_Algo_c2_m128 =
     AlgoUpsamplerSpecialized<KernelAlgo<AlgoUpsampler_x2, &m128::Upsampler_x2_c2_FIR, 2>, Upsampler_x2_Algo_Info_c2_m128>;
+
+using Downsampler_x2_Sym_Algo_c1_m256_fma =
+    AlgoHalfbandSpecialized<&m256_fma::Downsampler_x2_c1_Sym, &m256_fma::Downsampler_x2_c1_FIR, 1,
+                            Downsampler_x2_Sym_Algo_Info_c1_m256_fma>;
+using Downsampler_x2_Sym_Algo_c1_m256 =
+    AlgoHalfbandSpecialized<&m256::Downsampler_x2_c1_Sym, &m256::Downsampler_x2_c1_FIR, 1,
+                            Downsampler_x2_Sym_Algo_Info_c1_m256>;
+using Downsampler_x2_Sym_Algo_c2_m256_fma =
+    AlgoHalfbandSpecialized<&m256_fma::Downsampler_x2_c2_Sym, &m256_fma::Downsampler_x2_c2_FIR, 2,
+                            Downsampler_x2_Sym_Algo_Info_c2_m256_fma>;
+using Downsampler_x2_Sym_Algo_c2_m256 =
+    AlgoHalfbandSpecialized<&m256::Downsampler_x2_c2_Sym, &m256::Downsampler_x2_c2_FIR, 2,
+                            Downsampler_x2_Sym_Algo_Info_c2_m256>;
+using Downsampler_x2_Sym_Algo_c1_m128_fma =
+    AlgoHalfbandSpecialized<&m128_fma::Downsampler_x2_c1_Sym, &m128_fma::Downsampler_x2_c1_FIR, 1,
+                            Downsampler_x2_Sym_Algo_Info_c1_m128_fma>;
+using Downsampler_x2_Sym_Algo_c1_m128 =
+    AlgoHalfbandSpecialized<&m128::Downsampler_x2_c1_Sym, &m128::Downsampler_x2_c1_FIR, 1,
+                            Downsampler_x2_Sym_Algo_Info_c1_m128>;
+using Downsampler_x2_Sym_Algo_c2_m128_fma =
+    AlgoHalfbandSpecialized<&m128_fma::Downsampler_x2_c2_Sym, &m128_fma::Downsampler_x2_c2_FIR, 2,
+                            Downsampler_x2_Sym_Algo_Info_c2_m128_fma>;
+using Downsampler_x2_Sym_Algo_c2_m128 =
+    AlgoHalfbandSpecialized<&m128::Downsampler_x2_c2_Sym, &m128::Downsampler_x2_c2_FIR, 2,
+                            Downsampler_x2_Sym_Algo_Info_c2_m128>;
 
 using Downsampler_x2_Algo_c1_m256_fma =
     AlgoDownsamplerSpecialized<KernelAlgo<AlgoDownsampler_x2, &m256_fma::Downsampler_x2_c1_FIR, 1>,
@@ -282,22 +371,37 @@ const char* refName(PolyphaseFamily family)
     return "?";
 }
 
+// With no block, variants that need a table shape are passed over.
 const PolyphaseVariant* firstSupported(PolyphaseFamily family, std::size_t channels,
-                                       const InstructionSetSettings& features)
+                                       const InstructionSetSettings& features, const CoefficientBlock* coefs)
 {
     if (channels != 1 && channels != 2)
         return nullptr;
-    for (const auto& v : PolyphaseVariants(family))
-        if (v.info.ChannelCount() == channels && v.info.IsSupported(features))
+    for (const auto& v : PolyphaseVariants(family)) {
+        if (v.info.ChannelCount() != channels || !v.info.IsSupported(features))
+            continue;
+        if (coefs ? v.info.Serves(*coefs) : !v.info.NeedsTableShape())
             return &v;
+    }
     return nullptr;
+}
+
+const char* install(std::unique_ptr<AlgoPolyphase>& out, const PolyphaseVariant* v, PolyphaseFamily family,
+                    std::size_t channels)
+{
+    std::unique_ptr<AlgoPolyphase> made(v ? v->create() : nullptr);
+    if (!made)
+        made = CreatePolyphaseRef(family, channels);
+    out.swap(made);
+    return out->Name();
 }
 
 } // namespace
 
 std::span<const PolyphaseVariant> PolyphaseVariants(PolyphaseFamily family)
 {
-    // Widest first. The 256-bit downsamplers and the 2-channel kernels of the
+    // Widest first, the kernels for symmetric half-band blocks ahead of the
+    // generic ones (they are only chosen for such blocks). The 256-bit downsamplers and the 2-channel kernels of the
     // x2 and x4 upsamplers beyond the 128-bit ones let stereo oversampling and
     // true-peak meters use 256-bit lanes. Built on first use, so other static
     // initialisers may ask.
@@ -308,6 +412,14 @@ std::span<const PolyphaseVariant> PolyphaseVariants(PolyphaseFamily family)
         {infoOf<Upsampler_x2_Algo_Info_c2_m128>(), &make<Upsampler_x2_Algo_c2_m128>},
     };
     static const PolyphaseVariant kDown2[] = {
+        {infoOf<Downsampler_x2_Sym_Algo_Info_c1_m256_fma>(), &make<Downsampler_x2_Sym_Algo_c1_m256_fma>},
+        {infoOf<Downsampler_x2_Sym_Algo_Info_c1_m256>(), &make<Downsampler_x2_Sym_Algo_c1_m256>},
+        {infoOf<Downsampler_x2_Sym_Algo_Info_c1_m128_fma>(), &make<Downsampler_x2_Sym_Algo_c1_m128_fma>},
+        {infoOf<Downsampler_x2_Sym_Algo_Info_c1_m128>(), &make<Downsampler_x2_Sym_Algo_c1_m128>},
+        {infoOf<Downsampler_x2_Sym_Algo_Info_c2_m256_fma>(), &make<Downsampler_x2_Sym_Algo_c2_m256_fma>},
+        {infoOf<Downsampler_x2_Sym_Algo_Info_c2_m256>(), &make<Downsampler_x2_Sym_Algo_c2_m256>},
+        {infoOf<Downsampler_x2_Sym_Algo_Info_c2_m128_fma>(), &make<Downsampler_x2_Sym_Algo_c2_m128_fma>},
+        {infoOf<Downsampler_x2_Sym_Algo_Info_c2_m128>(), &make<Downsampler_x2_Sym_Algo_c2_m128>},
         {infoOf<Downsampler_x2_Algo_Info_c1_m256_fma>(), &make<Downsampler_x2_Algo_c1_m256_fma>},
         {infoOf<Downsampler_x2_Algo_Info_c1_m256>(), &make<Downsampler_x2_Algo_c1_m256>},
         {infoOf<Downsampler_x2_Algo_Info_c1_m128_fma>(), &make<Downsampler_x2_Algo_c1_m128_fma>},
@@ -372,17 +484,25 @@ std::unique_ptr<AlgoPolyphase> CreatePolyphaseRef(PolyphaseFamily family, std::s
 const char* CreatePolyphaseAlgo(std::unique_ptr<AlgoPolyphase>& out, PolyphaseFamily family, std::size_t channels,
                                 const InstructionSetSettings& features)
 {
-    const PolyphaseVariant* v = firstSupported(family, channels, features);
-    std::unique_ptr<AlgoPolyphase> made(v ? v->create() : nullptr);
-    if (!made)
-        made = CreatePolyphaseRef(family, channels);
-    out.swap(made);
-    return out->Name();
+    return install(out, firstSupported(family, channels, features, nullptr), family, channels);
+}
+
+const char* CreatePolyphaseAlgo(std::unique_ptr<AlgoPolyphase>& out, PolyphaseFamily family, std::size_t channels,
+                                const InstructionSetSettings& features, const CoefficientBlock& coefs)
+{
+    return install(out, firstSupported(family, channels, features, &coefs), family, channels);
 }
 
 const char* ChosenPolyphaseAlgo(PolyphaseFamily family, std::size_t channels, const InstructionSetSettings& features)
 {
-    const PolyphaseVariant* v = firstSupported(family, channels, features);
+    const PolyphaseVariant* v = firstSupported(family, channels, features, nullptr);
+    return v ? v->info.Name() : refName(family);
+}
+
+const char* ChosenPolyphaseAlgo(PolyphaseFamily family, std::size_t channels, const InstructionSetSettings& features,
+                                const CoefficientBlock& coefs)
+{
+    const PolyphaseVariant* v = firstSupported(family, channels, features, &coefs);
     return v ? v->info.Name() : refName(family);
 }
 
@@ -411,15 +531,14 @@ bool isDown(PolyphaseFamily f)
     return f == PolyphaseFamily::Down2 || f == PolyphaseFamily::Down4;
 }
 
-// The largest of 8 and the alignments the chosen 1- and 2-channel kernels ask for.
+// The largest of 8 and the alignments any variant the features allow asks
+// for: the block is built before the choice that may depend on its shape.
 std::size_t granularityOf(PolyphaseFamily family, const InstructionSetSettings& features)
 {
     std::size_t g = 8;
-    for (std::size_t c : {1u, 2u}) {
-        const PolyphaseVariant* v = firstSupported(family, c, features);
-        if (v)
-            g = std::max(g, v->info.Alignment());
-    }
+    for (const auto& v : PolyphaseVariants(family))
+        if (v.info.IsSupported(features))
+            g = std::max(g, v.info.Alignment());
     return g;
 }
 
@@ -438,8 +557,8 @@ PolyphaseResampler::PolyphaseResampler(PolyphaseFamily family, const float* tabl
     if (channels == 0 || inFrameSize == 0)
         throw std::invalid_argument("PolyphaseResampler: channels and frames per piece must not be 0");
     const InstructionSetSettings features = GetFeatureSet();
-    CreatePolyphaseAlgo(m_algo, family, channels, features);
     m_coefs = std::make_unique<CoefficientBlock>(granularityOf(family, features), table, count, m_factor);
+    CreatePolyphaseAlgo(m_algo, family, channels, features, *m_coefs);
     // A downsampler keeps up to N - 1 frames; an upsampler K - 1.
     const std::size_t history = m_down ? m_filterLength - 1 : (m_taps ? m_taps - 1 : 0);
     m_staging.assign((history + m_inFrameSize) * m_channels, 0.0f);

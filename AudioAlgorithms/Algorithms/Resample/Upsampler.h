@@ -35,6 +35,13 @@ public:
     std::uint64_t TapsPerPhase() const noexcept; // N / L
     std::size_t StorageBytes() const noexcept;
     std::size_t Granularity() const noexcept;
+    // [any-thread] Found when the block is built: a factor of 2, an even
+    // number of taps, phase 0 the same read backwards and phase 1 a single
+    // non-zero tap. The half-band downsampler tables have this shape; the
+    // _Sym kernels rely on it.
+    bool IsSymmetricHalfband() const noexcept;
+    // [any-thread] That tap of phase 1; TapsPerPhase() without the shape.
+    std::uint64_t HalfbandTap() const noexcept;
 
 private:
     float* m_data = nullptr;
@@ -43,6 +50,7 @@ private:
     std::uint64_t m_taps;
     std::size_t m_bytes;
     std::size_t m_granularity;
+    std::uint64_t m_halfbandTap; // m_taps without the half-band shape
 };
 
 // What a specialised kernel needs and serves.
@@ -62,9 +70,15 @@ public:
     virtual const char* Name() const noexcept = 0;
     // [any-thread] What the processor must run, whatever the dispatch answers.
     virtual IsaNeed Needs() const noexcept = 0;
+    // [any-thread] Whether the kernel is only chosen for blocks of one shape
+    // (on any other block it runs the generic arithmetic). False by default.
+    virtual bool NeedsTableShape() const noexcept;
+    // [any-thread] Whether the kernel does its own arithmetic on these
+    // coefficients: always, unless it needs a shape the block lacks.
+    virtual bool Serves(const CoefficientBlock& coefs) const noexcept;
 };
 
-#define TWA_POLYPHASE_INFO(NAME)                                                          \
+#define TWA_POLYPHASE_INFO_CLASS(NAME, ...)                                               \
     class NAME final : public AlgoInfo {                                                  \
     public:                                                                               \
         NAME() noexcept;                                                                  \
@@ -75,12 +89,26 @@ public:
         bool IsSupported(const InstructionSetSettings& features) const noexcept override; \
         const char* Name() const noexcept override;                                       \
         IsaNeed Needs() const noexcept override;                                          \
+        __VA_ARGS__                                                                       \
     }
+#define TWA_POLYPHASE_INFO(NAME) TWA_POLYPHASE_INFO_CLASS(NAME)
+// Kernels for symmetric half-band blocks only.
+#define TWA_POLYPHASE_SYM_INFO(NAME)                                                      \
+    TWA_POLYPHASE_INFO_CLASS(NAME, bool NeedsTableShape() const noexcept override;        \
+                             bool Serves(const CoefficientBlock& coefs) const noexcept override;)
 
 TWA_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c1_m256);
 TWA_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c1_m128);
 TWA_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c2_m256);
 TWA_POLYPHASE_INFO(Upsampler_x2_Algo_Info_c2_m128);
+TWA_POLYPHASE_SYM_INFO(Downsampler_x2_Sym_Algo_Info_c1_m256_fma);
+TWA_POLYPHASE_SYM_INFO(Downsampler_x2_Sym_Algo_Info_c1_m256);
+TWA_POLYPHASE_SYM_INFO(Downsampler_x2_Sym_Algo_Info_c2_m256_fma);
+TWA_POLYPHASE_SYM_INFO(Downsampler_x2_Sym_Algo_Info_c2_m256);
+TWA_POLYPHASE_SYM_INFO(Downsampler_x2_Sym_Algo_Info_c1_m128_fma);
+TWA_POLYPHASE_SYM_INFO(Downsampler_x2_Sym_Algo_Info_c1_m128);
+TWA_POLYPHASE_SYM_INFO(Downsampler_x2_Sym_Algo_Info_c2_m128_fma);
+TWA_POLYPHASE_SYM_INFO(Downsampler_x2_Sym_Algo_Info_c2_m128);
 TWA_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c1_m256_fma);
 TWA_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c1_m256);
 TWA_POLYPHASE_INFO(Downsampler_x2_Algo_Info_c2_m256_fma);
@@ -103,7 +131,9 @@ TWA_POLYPHASE_INFO(Upsampler_x8_Algo_Info_c1_m128);
 TWA_POLYPHASE_INFO(Upsampler_x8_Algo_Info_c2_m256_avx2);
 TWA_POLYPHASE_INFO(Upsampler_x8_Algo_Info_c2_m256);
 
+#undef TWA_POLYPHASE_SYM_INFO
 #undef TWA_POLYPHASE_INFO
+#undef TWA_POLYPHASE_INFO_CLASS
 
 // A kernel object of one family. Stateless: the history lives in the
 // converter's staging buffer, so one object may serve any number of them.
@@ -185,7 +215,8 @@ struct PolyphaseVariant {
     AlgoPolyphase* (*create)();
 };
 
-// [any-thread] The specialised variants of a family, widest first.
+// [any-thread] The specialised variants of a family, widest first; those
+// that need a table shape ahead of the generic ones.
 std::span<const PolyphaseVariant> PolyphaseVariants(PolyphaseFamily family);
 
 // [not while processing] The reference kernel of a family, for any channel count.
@@ -194,13 +225,20 @@ std::unique_ptr<AlgoPolyphase> CreatePolyphaseRef(PolyphaseFamily family, std::s
 // [not while processing] Installs the first variant for `channels` that the
 // feature set supports, or the reference kernel (always, for channel counts
 // other than 1 and 2). The previous object is destroyed after the new one is
-// installed. Returns the installed variant's name.
+// installed. Returns the installed variant's name. Without a coefficient
+// block, variants that need a table shape are passed over; with one, they
+// are taken when the block has the shape.
 const char* CreatePolyphaseAlgo(std::unique_ptr<AlgoPolyphase>& out, PolyphaseFamily family,
                                 std::size_t channels, const InstructionSetSettings& features);
+const char* CreatePolyphaseAlgo(std::unique_ptr<AlgoPolyphase>& out, PolyphaseFamily family,
+                                std::size_t channels, const InstructionSetSettings& features,
+                                const CoefficientBlock& coefs);
 
 // [any-thread] The name CreatePolyphaseAlgo would install; builds nothing.
 const char* ChosenPolyphaseAlgo(PolyphaseFamily family, std::size_t channels,
                                 const InstructionSetSettings& features);
+const char* ChosenPolyphaseAlgo(PolyphaseFamily family, std::size_t channels,
+                                const InstructionSetSettings& features, const CoefficientBlock& coefs);
 
 // Generic framing around one kernel: callers hand in blocks of any length;
 // they are fed through the kernel in pieces of at most InFrameSize() frames,

@@ -22,8 +22,9 @@ inline float dot(const float* x, std::size_t stride, const float* h, std::size_t
     return acc;
 }
 
-// The one non-zero tap of a phase, or `taps` when there are more or none.
-std::size_t singleTap(const float* h, std::size_t factor, std::size_t phase, std::size_t taps) noexcept
+} // namespace
+
+std::size_t SingleTap(const float* h, std::size_t factor, std::size_t phase, std::size_t taps) noexcept
 {
     std::size_t found = taps;
     for (std::size_t k = 0; k < taps; ++k) {
@@ -37,13 +38,11 @@ std::size_t singleTap(const float* h, std::size_t factor, std::size_t phase, std
     return found;
 }
 
-} // namespace
-
 const float* UpsampleFIR_ref(std::size_t factor, std::size_t channels, const float* h, std::size_t taps,
                              const float* in, float* out, std::size_t frames) noexcept
 {
     const std::size_t c = channels;
-    const std::size_t d = factor ? singleTap(h, factor, 0, taps) : taps;
+    const std::size_t d = factor ? SingleTap(h, factor, 0, taps) : taps;
     for (std::size_t n = 0; n < frames; ++n)
         for (std::size_t p = 0; p < factor; ++p)
             for (std::size_t j = 0; j < c; ++j)
@@ -58,7 +57,7 @@ const float* DownsampleFIR_ref(std::size_t factor, std::size_t channels, const f
     const std::size_t c = channels;
     const std::size_t outs = factor ? frames / factor : 0;
     const std::size_t last = factor ? factor - 1 : 0;
-    const std::size_t d = factor ? singleTap(h, factor, last, taps) : taps;
+    const std::size_t d = factor ? SingleTap(h, factor, last, taps) : taps;
     for (std::size_t n = 0; n < outs; ++n) {
         for (std::size_t j = 0; j < c; ++j) {
             // One partial sum per phase, added in phase order.

@@ -6,6 +6,9 @@ low rate, so each one is an L-th band filter: the phase holding the centre tap
 is an exact delay, and the transition band sits symmetrically around half the
 low rate. The prototype has N - 1 non-zero taps centred on tap N / 2 (tap 0 is
 zero), which makes every converter's delay a whole number of input frames.
+Taps at the same distance either side of the centre are equal to the bit: the
+x2 downsampler's fast kernels add each mirrored pair of inputs before the one
+multiply, and are only chosen for a table with that shape.
 
 Tables are stored tap-major and time-reversed, with g[L * t + p] as tap t of
 phase p. An upsampler's phase p makes output phase p, so only the taps are
@@ -67,6 +70,8 @@ def prototype(n, factor, atten_db, gain):
         r = d / half if half else 0.0
         w = bessel_i0(beta * math.sqrt(max(0.0, 1.0 - r * r))) / i0b
         g[j] = f32(s * w * gain / factor)
+    for d in range(1, centre):
+        assert g[centre + d] == g[centre - d], "prototype not symmetric at %d" % d
     return g
 
 
