@@ -350,6 +350,8 @@ bool QVDReverb::buildEngine()
         m_readyRows.push_back(ch.data());
     m_pendingFrames = 0;
     m_readyFrames = factor == 1 ? 0 : factor;
+    m_silentRow.assign(block, 0.0f);
+    m_discardRow.assign(block, 0.0f);
     return setLatency(m_oversampled ? m_oversampled->Latency() + factor : 0);
 }
 
@@ -402,26 +404,30 @@ void QVDReverb::processBlock(const qvd::BlockRecord* block, const float* const* 
             else
                 m_oversampled->set_param(*fresh);
         }
+        const float* silent[1] = {m_silentRow.data()};
+        float* discard[1] = {m_discardRow.data()};
+        const float* const* in = activeInputs() > 0 ? inputs : silent;
+        float* const* out = activeOutputs() > 0 ? outputs : discard;
         if (m_plain) {
-            m_plain->process(inputs, outputs, n);
+            m_plain->process(in, out, n);
         } else {
             const std::size_t f = m_factor;
             for (std::size_t c = 0; c < m_pending.size(); ++c)
-                std::memcpy(m_pending[c].data() + m_pendingFrames, inputs[c], n * sizeof(float));
+                std::memcpy(m_pending[c].data() + m_pendingFrames, in[c], n * sizeof(float));
             const std::size_t total = m_pendingFrames + n;
             const std::size_t whole = total - total % f;
             if (whole > 0) {
-                float* out[qv_max_channels];
+                float* rows[qv_max_channels];
                 for (std::size_t c = 0; c < m_ready.size(); ++c)
-                    out[c] = m_ready[c].data() + m_readyFrames;
-                m_oversampled->process(m_pendingRows.data(), out, whole);
+                    rows[c] = m_ready[c].data() + m_readyFrames;
+                m_oversampled->process(m_pendingRows.data(), rows, whole);
                 m_readyFrames += whole;
                 for (auto& ch : m_pending)
                     std::memmove(ch.data(), ch.data() + whole, (total - whole) * sizeof(float));
             }
             m_pendingFrames = total - whole;
             for (std::size_t c = 0; c < m_ready.size(); ++c) {
-                std::memcpy(outputs[c], m_ready[c].data(), n * sizeof(float));
+                std::memcpy(out[c], m_ready[c].data(), n * sizeof(float));
                 std::memmove(m_ready[c].data(), m_ready[c].data() + n, (m_readyFrames - n) * sizeof(float));
             }
             m_readyFrames -= n;

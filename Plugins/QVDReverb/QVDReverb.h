@@ -132,4 +132,8 @@ private:
     std::size_t m_readyFrames = 0;
     std::vector<float*> m_pendingRows;
     std::vector<float*> m_readyRows;
+    // Stand-ins when the host runs the plugin with no inputs or no outputs:
+    // the engine always has at least one of each.
+    std::vector<float> m_silentRow;
+    std::vector<float> m_discardRow;
 };

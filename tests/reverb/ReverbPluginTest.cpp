@@ -238,6 +238,36 @@ TEST(ReverbPlugin, OversampledRatesTakeAnyBlockLength)
     EXPECT_EQ(q, steady.run(in, 509));
 }
 
+// No inputs: the room still rings out silence; no outputs: the engine still
+// runs. Neither may touch a channel the host did not give.
+TEST(ReverbPlugin, RunsWithoutInputsOrWithoutOutputs)
+{
+    for (const float rate : {48000.0f, 96000.0f}) {
+        for (const auto [ins, outs] : {std::pair{0, 2}, std::pair{2, 0}}) {
+            Reverb r;
+            const qvd::PrepareConfig config{qvd::formatForChannels(ins), qvd::formatForChannels(outs), 0, 0};
+            ASSERT_TRUE(r.audio()->prepare(rate, 128, &config));
+            Signal in = noise(512, 2);
+            Signal out(2, std::vector<float>(512, 7.0f));
+            std::vector<const float*> ip = {in[0].data(), in[1].data()};
+            std::vector<float*> op = {out[0].data(), out[1].data()};
+            qvd::BlockRecord record{};
+            for (int b = 0; b < 4; ++b) {
+                for (int c = 0; c < 2; ++c) {
+                    ip[c] = in[c].data() + b * 128;
+                    op[c] = out[c].data() + b * 128;
+                }
+                EXPECT_TRUE(r.audio()->process(&record, ins ? ip.data() : nullptr, outs ? op.data() : nullptr, 128));
+            }
+            if (outs) {
+                for (const auto& ch : out)
+                    for (const float v : ch)
+                        ASSERT_EQ(v, 0.0f) << "silence in, silence out at " << rate;
+            }
+        }
+    }
+}
+
 TEST(ReverbPlugin, EditorShowsEveryParameter)
 {
     static int argc = 1;
