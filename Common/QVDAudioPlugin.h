@@ -24,7 +24,10 @@ public:
                                        const QVDPluginDescriptor* descriptor)
     {
         T* plugin = new (std::nothrow) T(descriptor, hostContext, services);
-        return plugin ? static_cast<qvd::PluginInstance*>(plugin) : nullptr;
+        if (!plugin)
+            return nullptr;
+        plugin->pluginCreated();
+        return static_cast<qvd::PluginInstance*>(plugin);
     }
 
     // Static initialisation: inserts the descriptor and factory into the

@@ -1,6 +1,6 @@
 #include "QVDAudioPluginImpl.h"
 
-#include <QWidget>
+#include <QApplication>
 
 #include <algorithm>
 #include <cmath>
@@ -10,6 +10,8 @@
 #include <System/twa_assert.h>
 
 #include "QVDDenormalGuard.h"
+#include "QVDPanelRegistry.h"
+#include "QVDPeakMeter.h"
 #include "QVDPluginInterfaceImpl.h"
 #include "SmoothingCoefficient.h"
 
@@ -18,6 +20,9 @@ std::atomic<std::uint64_t> g_nextInstanceId{1};
 
 // Before the first block any sequence value counts as new.
 constexpr std::int64_t kNoSequence = std::numeric_limits<std::int64_t>::min();
+// Pre-roll runs in chunks of at most this many frames, so its per-channel
+// discard buffers stay small whatever the block size.
+constexpr std::int32_t kPreRollChunk = 512;
 } // namespace
 
 QVDAudioPluginImpl::QVDAudioPluginImpl(const QVDPluginDescriptor* descriptor, void* hostContext,
@@ -66,7 +71,7 @@ void QVDAudioPluginImpl::destroy()
 
 bool QVDAudioPluginImpl::hasEditor() const
 {
-    return false;
+    return m_descriptor && qvdPanelFactory(m_descriptor->className) != nullptr;
 }
 
 bool QVDAudioPluginImpl::isGenerator() const
@@ -83,6 +88,9 @@ bool QVDAudioPluginImpl::setParameter(std::int32_t index, float value)
 {
     if (index < 0 || index >= parameterCount())
         return false;
+    // The editor and a host's automation may set values at the same time;
+    // derived state assumes one writer.
+    std::lock_guard<std::mutex> lock(m_writerMutex);
     return applyParameter(static_cast<std::uint32_t>(index), value);
 }
 
@@ -159,7 +167,15 @@ const char* QVDAudioPluginImpl::pluginKey() const
 
 void* QVDAudioPluginImpl::createEditor(void* parentWidget)
 {
-    return buildEditor(static_cast<QWidget*>(parentWidget));
+    // Widgets without a QApplication abort the process; a host that shows no
+    // panels must be able to ask anyway.
+    if (!qobject_cast<QApplication*>(QCoreApplication::instance())) {
+        debugLog(1, QStringLiteral("%1: no editor without a QApplication in the host process")
+                        .arg(QString::fromUtf8(m_key)));
+        return nullptr;
+    }
+    const QVDPanelFactory factory = m_descriptor ? qvdPanelFactory(m_descriptor->className) : nullptr;
+    return factory ? factory(this, static_cast<QWidget*>(parentWidget)) : nullptr;
 }
 
 std::int32_t QVDAudioPluginImpl::responseCurve(const double* frequencies, double* decibels, std::int32_t count) const
@@ -203,7 +219,8 @@ bool QVDAudioPluginImpl::prepare(float sampleRate, std::int32_t maxBlockSize, co
                                                                         : config->inputFormat;
         const std::int32_t out = config->outputFormat == qvd::kFormatKeep ? qvd::formatForChannels(m_outputCount)
                                                                           : config->outputFormat;
-        if (!setChannelFormats(in, out))
+        // No notification: prepareProcessing sizes for the new counts anyway.
+        if (!applyChannelCounts(qvd::channelCountOf(in), qvd::channelCountOf(out), false))
             return false;
         if (config->smoothing >= 0)
             SmoothingCoefficient::enableAll(config->smoothing != 0);
@@ -213,12 +230,15 @@ bool QVDAudioPluginImpl::prepare(float sampleRate, std::int32_t maxBlockSize, co
     m_blockSize.store(maxBlockSize, std::memory_order_relaxed);
     SmoothingCoefficient::recomputeAll(static_cast<double>(sampleRate));
 
-    const std::size_t bytes = static_cast<std::size_t>(maxBlockSize) * sizeof(float);
-    if (!m_silentInput.reserve(bytes) || !m_discardOutput.reserve(bytes))
+    m_preRollChunk = std::min(maxBlockSize, kPreRollChunk);
+    const std::size_t chunk = static_cast<std::size_t>(m_preRollChunk);
+    const std::size_t outputs = static_cast<std::size_t>(std::max(maxOutputs(), 1));
+    if (!m_silentInput.reserve(chunk * sizeof(float)) || !m_discardOutput.reserve(outputs * chunk * sizeof(float)))
         return false;
     m_silentInput.clear();
     std::fill(m_preRollInputs.begin(), m_preRollInputs.end(), m_silentInput.floats());
-    std::fill(m_preRollOutputs.begin(), m_preRollOutputs.end(), m_discardOutput.floats());
+    for (std::size_t c = 0; c < m_preRollOutputs.size(); ++c)
+        m_preRollOutputs[c] = m_discardOutput.floats() + c * chunk;
 
     if (!prepareProcessing())
         return false;
@@ -271,17 +291,25 @@ bool QVDAudioPluginImpl::process(const qvd::BlockRecord* block, const float* con
 
 bool QVDAudioPluginImpl::setChannelFormats(std::int32_t inputFormat, std::int32_t outputFormat)
 {
-    const std::int32_t in = qvd::channelCountOf(inputFormat);
-    const std::int32_t out = qvd::channelCountOf(outputFormat);
+    return applyChannelCounts(qvd::channelCountOf(inputFormat), qvd::channelCountOf(outputFormat), true);
+}
+
+bool QVDAudioPluginImpl::applyChannelCounts(std::int32_t in, std::int32_t out, bool notify)
+{
     if (in < 0 || out < 0 || in > maxInputs() || out > maxOutputs())
         return false;
-    const bool changed = in != m_inputCount || out != m_outputCount;
+    if (in == m_inputCount && out == m_outputCount)
+        return true;
+    const std::int32_t oldIn = m_inputCount, oldOut = m_outputCount;
     m_inputCount = in;
     m_outputCount = out;
-    if (changed) {
-        channelCountsChanged();
-        m_resetPending.store(true, std::memory_order_relaxed);
+    if (notify && !channelCountsChanged()) {
+        m_inputCount = oldIn;
+        m_outputCount = oldOut;
+        return false;
     }
+    sizeStandardMeters();
+    m_resetPending.store(true, std::memory_order_relaxed);
     return true;
 }
 
@@ -353,12 +381,130 @@ bool QVDAudioPluginImpl::applyParameter(std::uint32_t index, float value)
     if (index >= m_parameters.size())
         return false;
     m_parameters[index].exchange(value);
+    parameterChanged(index, value);
     return true;
 }
 
-QWidget* QVDAudioPluginImpl::buildEditor(QWidget*)
+void QVDAudioPluginImpl::parameterChanged(std::uint32_t, float) {}
+
+void QVDAudioPluginImpl::pluginCreated()
 {
-    return nullptr;
+    for (std::size_t i = 0; i < m_parameters.size(); ++i)
+        parameterChanged(static_cast<std::uint32_t>(i), m_parameters[i].value());
+}
+
+QString QVDAudioPluginImpl::valueText(std::int32_t index, float value) const
+{
+    if (index < 0 || index >= parameterCount())
+        return {};
+    const QVDParameterDefinition& d = m_parameters[static_cast<std::size_t>(index)].definition();
+    if (d.kind != qvd::kContinuous && !d.options.isEmpty() && !std::isnan(value)) {
+        const float clamped = std::clamp(value, 0.0f, static_cast<float>(d.options.size() - 1));
+        return d.options.value(qvdListIndex(clamped));
+    }
+    // As many decimals as the step shows.
+    int decimals = 0;
+    for (float step = d.step; decimals < 4 && step < 0.999f; step *= 10.0f)
+        ++decimals;
+    const QString number = QString::number(static_cast<double>(value), 'f', decimals);
+    return d.unit.isEmpty() ? number : number + QLatin1Char(' ') + d.unit;
+}
+
+void QVDAudioPluginImpl::render(const QVDBlock& block) noexcept
+{
+    if (m_effect.copyInput)
+        return;
+    for (std::int32_t c = 0; c < block.channels; ++c) {
+        if (block.outputs[c] != block.inputs[c])
+            std::memmove(block.outputs[c], block.inputs[c], static_cast<std::size_t>(block.frames) * sizeof(float));
+    }
+}
+
+void QVDAudioPluginImpl::setEffectOptions(const QVDEffectOptions& options)
+{
+    m_effect = options;
+    if (options.meters == QVDMeters::None || m_standardMeters)
+        return;
+    m_standardMeters = true;
+    addMeterGroup(QStringLiteral("Input"), maxInputs());
+    addMeterGroup(QStringLiteral("Output"), maxOutputs());
+    m_inputPeaks.assign(static_cast<std::size_t>(std::max(maxInputs(), 1)), 0.0f);
+    m_outputPeaks.assign(static_cast<std::size_t>(std::max(maxOutputs(), 1)), 0.0f);
+    sizeStandardMeters();
+}
+
+void QVDAudioPluginImpl::sizeStandardMeters()
+{
+    if (!m_standardMeters)
+        return;
+    setMeterGroupSize(0, m_inputCount);
+    setMeterGroupSize(1, m_outputCount);
+}
+
+void QVDAudioPluginImpl::runEffectBlock(const qvd::BlockRecord* record, const float* const* inputs,
+                                        float* const* outputs, std::int32_t frames) noexcept
+{
+    frames = prepareBlock(inputs, sequenceOf(record), frames);
+    const std::int32_t ins = m_inputCount;
+    const std::int32_t outs = m_outputCount;
+    const std::int32_t channels = std::min(ins, outs);
+    const auto n = static_cast<std::size_t>(frames);
+    // Read once: a flag that flips halfway through must not leave outputs unwritten.
+    const bool bypass = bypassed() || !engaged();
+
+    // Outputs without a matching input carry silence unless render writes them.
+    for (std::int32_t c = channels; c < outs; ++c)
+        std::memset(outputs[c], 0, n * sizeof(float));
+
+    if (bypass) {
+        bypassCopy(inputs, outputs, frames);
+        if (m_standardMeters) {
+            for (std::int32_t c = 0; c < ins; ++c)
+                setMeterLevel(0, c, 0.0f);
+            for (std::int32_t c = 0; c < outs; ++c)
+                setMeterLevel(1, c, 0.0f);
+        }
+        m_renderedLast = false;
+        return;
+    }
+    if (!m_renderedLast) {
+        resumeAfterBypass();
+        m_renderedLast = true;
+    }
+
+    const bool standard = m_standardMeters && m_effect.meters == QVDMeters::Standard;
+    const bool fromRender = m_standardMeters && m_effect.meters == QVDMeters::FromRender;
+    float* inPeak = m_inputPeaks.data();
+    float* outPeak = m_outputPeaks.data();
+    if (fromRender) {
+        std::fill(m_inputPeaks.begin(), m_inputPeaks.end(), 0.0f);
+        std::fill(m_outputPeaks.begin(), m_outputPeaks.end(), 0.0f);
+    }
+    for (std::int32_t c = 0; c < ins; ++c) {
+        const bool paired = c < channels;
+        if (m_effect.copyInput && paired) {
+            if (standard)
+                inPeak[c] = qvdCopyPeak(inputs[c], outputs[c], n);
+            else if (outputs[c] != inputs[c])
+                std::memmove(outputs[c], inputs[c], n * sizeof(float));
+        } else if (standard || (fromRender && !paired)) {
+            inPeak[c] = qvdPeak(inputs[c], n);
+        }
+    }
+
+    const QVDBlock block{record, inputs, outputs, ins, outs, channels, frames, inPeak, outPeak};
+    render(block);
+
+    if (!m_standardMeters)
+        return;
+    if (standard) {
+        for (std::int32_t c = 0; c < outs; ++c)
+            outPeak[c] = qvdPeak(outputs[c], n);
+    }
+    for (std::int32_t c = 0; c < ins; ++c)
+        setMeterLevel(0, c, inPeak[c]);
+    for (std::int32_t c = 0; c < outs; ++c)
+        setMeterLevel(1, c, outPeak[c]);
 }
 
 bool QVDAudioPluginImpl::magnitudeResponse(const double*, double*, std::int32_t) const
@@ -404,7 +550,13 @@ std::int32_t QVDAudioPluginImpl::prepareBlock(const float* const*, std::int64_t 
 void QVDAudioPluginImpl::completeBlock(const float* const* inputs, float* const* outputs, std::int32_t frames,
                                        std::int32_t) noexcept
 {
-    if (!bypassed() || m_outputCount == 0)
+    if (bypassed())
+        bypassCopy(inputs, outputs, frames);
+}
+
+void QVDAudioPluginImpl::bypassCopy(const float* const* inputs, float* const* outputs, std::int32_t frames) noexcept
+{
+    if (m_outputCount == 0)
         return;
     const std::int32_t channels = std::min(m_inputCount, m_outputCount);
     const std::size_t lat = static_cast<std::size_t>(latency());
@@ -526,7 +678,7 @@ void QVDAudioPluginImpl::preRoll() noexcept
     record.position = -1;
     record.sourcePosition = -1;
     const std::uint64_t total = latency();
-    const std::uint64_t blockSize = static_cast<std::uint64_t>(m_blockSize.load(std::memory_order_relaxed));
+    const auto blockSize = static_cast<std::uint64_t>(std::max(m_preRollChunk, 1));
     m_inPreRoll = true;
     for (std::uint64_t done = 0; done < total; done += blockSize) {
         const auto n = static_cast<std::int32_t>(std::min(blockSize, total - done));

@@ -3,9 +3,12 @@
 // interfaces, channel configuration, parameter entries, latency-compensated
 // bypass, reset after a discontinuity with silent pre-roll, and meters.
 //
-// A plugin derives from QVDAudioPlugin<Self> and supplies its parameter table,
-// its algorithm objects, processBlock() and, optionally, buildEditor().
-// processBlock() starts with prepareBlock() and ends with completeBlock().
+// Effects derive from QVDEffect<Self> (QVDEffect.h), which runs the standard
+// block flow around the plugin's render(). The older pattern, a plugin with
+// its own processBlock() that starts with prepareBlock() and ends with
+// completeBlock(), still works for plugins that need the whole block.
+// Editor panels live in the UI library and are found by class name
+// (QVDPanelRegistry.h); the DSP side never includes a widget header.
 
 #include <QByteArray>
 #include <QObject>
@@ -14,6 +17,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include <qvd/AudioPlugin.h>
@@ -28,7 +32,33 @@
 #include "QVDPluginPixmapHandler.h"
 #include "TDynamicBuffer.h"
 
-class QWidget;
+// One block as the standard flow hands it to render().
+struct QVDBlock {
+    const qvd::BlockRecord* record; // the host's record; may be null
+    const float* const* inputs;     // the active inputs
+    float* const* outputs;          // the active outputs; they hold the inputs already when the flow copies
+    std::int32_t inputCount;
+    std::int32_t outputCount;
+    std::int32_t channels; // min(inputCount, outputCount): the channels that pair up
+    std::int32_t frames;
+    // With meters measured by render: input and output peaks (linear) of
+    // channels [0, channels), 0 on entry.
+    float* inputPeak;
+    float* outputPeak;
+};
+
+enum class QVDMeters : std::uint8_t {
+    Standard,   // the flow measures every input before render and every output after it
+    FromRender, // render fills the block's peaks (it measures on the way anyway)
+    None,
+};
+
+struct QVDEffectOptions {
+    // The flow copies each input to its output (measuring it on the way) and
+    // render works on the outputs in place.
+    bool copyInput = false;
+    QVDMeters meters = QVDMeters::Standard;
+};
 
 // Running state a plugin owns outside its algorithm blocks; cleared on reset.
 class QVDResettable {
@@ -93,11 +123,9 @@ public:
     float controlValue(const QString& identifier) const override;
 
     // The plugin's own operations.
-    // [control-thread] Index already checked by the caller: exchange the value
-    // and recompute derived values. The base only exchanges.
+    // [control-thread] Index already checked and writers serialised by the
+    // caller: exchanges the value and calls parameterChanged().
     virtual bool applyParameter(std::uint32_t index, float value);
-    // [control-thread] Builds the editor panel; null when the plugin has none.
-    virtual QWidget* buildEditor(QWidget* parent);
     // [control-thread] Fills `decibels` with the response at `frequencies`
     // (count > 0, both non-null); false when the plugin has none.
     virtual bool magnitudeResponse(const double* frequencies, double* decibels, std::int32_t count) const;
@@ -125,8 +153,10 @@ protected:
     // [not while processing] Sizes the plugin's state for the rate and block
     // size (already stored) and initialises its algorithm blocks. False refuses.
     virtual bool prepareProcessing() { return true; }
-    // [not while processing] The active channel counts changed.
-    virtual void channelCountsChanged() {}
+    // [not while processing] The host changed the active channel counts
+    // (outside prepare, which sizes everything itself). False refuses the
+    // change and the previous counts stay: allocate first, then swap.
+    virtual bool channelCountsChanged() { return true; }
     // [audio-thread] Extra running state to clear on reset, beyond the lists.
     virtual void resetState() noexcept {}
 
@@ -142,6 +172,37 @@ protected:
 
     // [not while processing] Latency in frames; resizes the bypass delay lines.
     bool setLatency(std::uint64_t frames);
+
+    // ---- The effect flow. Its hooks come after the base's older virtual
+    // operations, so existing slots keep their order.
+public:
+    // [control-thread] Called once by the factory when the object is whole.
+    // The default hands every parameter's value to parameterChanged().
+    virtual void pluginCreated();
+    // [control-thread] The value as a user reads it ("-6.0 dB", "Bell").
+    virtual QString valueText(std::int32_t index, float value) const;
+
+protected:
+    // [control-thread] The value at `index` was exchanged in; derive what
+    // depends on it. Writers are serialised, the audio thread is not held.
+    virtual void parameterChanged(std::uint32_t index, float value);
+    // [audio-thread] One block that is not bypassed.
+    virtual void render(const QVDBlock& block) noexcept;
+    // [audio-thread] False runs the block as bypassed: a plugin's own in/out switch.
+    virtual bool engaged() const noexcept { return true; }
+    // [audio-thread] The first rendered block after bypassed ones.
+    virtual void resumeAfterBypass() noexcept {}
+
+    // [construction] Chooses the flow's options and adds the standard
+    // "Input" and "Output" meter groups unless meters are None.
+    void setEffectOptions(const QVDEffectOptions& options);
+    // [audio-thread] The standard flow: block preparation, one read of the
+    // bypass state, bypass copy with latency or render with meters, spare
+    // outputs silenced.
+    void runEffectBlock(const qvd::BlockRecord* record, const float* const* inputs, float* const* outputs,
+                        std::int32_t frames) noexcept;
+    // [control-thread] Corrects a stored value without calling parameterChanged().
+    void storeParameterValue(std::uint32_t index, float value) { m_parameters[index].exchange(value); }
 
     // Reset lists, filled at construction.
     QVDAudioAlgorithm* addAlgorithm(std::unique_ptr<QVDAudioAlgorithm> block);
@@ -181,6 +242,9 @@ private:
     void resetAll() noexcept;
     void preRoll() noexcept;
     void silenceOutputs(float* const* outputs, std::int32_t frames) const noexcept;
+    void bypassCopy(const float* const* inputs, float* const* outputs, std::int32_t frames) noexcept;
+    bool applyChannelCounts(std::int32_t inputs, std::int32_t outputs, bool notify);
+    void sizeStandardMeters();
 
     const QVDPluginDescriptor* m_descriptor;
     void* m_hostContext;
@@ -212,8 +276,19 @@ private:
 
     std::vector<std::unique_ptr<MeterGroup>> m_meters;
 
+    // The writers of parameter values, one at a time.
+    std::mutex m_writerMutex;
+
+    QVDEffectOptions m_effect;
+    bool m_standardMeters = false;
+    bool m_renderedLast = true;
+    std::vector<float> m_inputPeaks;
+    std::vector<float> m_outputPeaks;
+
     TDynamicBuffer m_silentInput;
+    // Pre-roll output: a region per channel, so no channel reads another's output.
     TDynamicBuffer m_discardOutput;
+    std::int32_t m_preRollChunk = 0;
     std::vector<const float*> m_preRollInputs;
     std::vector<float*> m_preRollOutputs;
     std::vector<const float*> m_chunkInputs;

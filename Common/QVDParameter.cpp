@@ -83,3 +83,46 @@ QVDParameterList qvdMakeParameterEntries(const std::vector<QVDParameterDefinitio
         entries.emplace_back(definition);
     return entries;
 }
+
+QVDParam qvdListParam(std::string name, std::string label, std::vector<std::string> options, int defaultChoice)
+{
+    QVDParam p;
+    p.name = std::move(name);
+    p.label = std::move(label);
+    p.kind = qvd::kList;
+    p.maximum = static_cast<float>(options.size()) - 1.0f;
+    p.defaultValue = static_cast<float>(defaultChoice);
+    p.step = 1.0f;
+    p.options = std::move(options);
+    return p;
+}
+
+QVDParam qvdSwitchParam(std::string name, std::string label, bool on, std::string offLabel, std::string onLabel)
+{
+    return qvdListParam(std::move(name), std::move(label), {std::move(offLabel), std::move(onLabel)}, on ? 1 : 0);
+}
+
+std::vector<QVDParameterDefinition> qvdParameterTable(const char* className, const std::vector<QVDParam>& rows)
+{
+    std::vector<QVDParameterDefinition> table;
+    table.reserve(rows.size());
+    for (const QVDParam& row : rows) {
+        QVDParameterDefinition d;
+        d.index = static_cast<std::int32_t>(table.size());
+        d.identifier = QString::fromLatin1(className) + QStringLiteral("::") + QString::fromStdString(row.name);
+        d.label = qvdTranslate(className, row.label.c_str());
+        d.kind = row.kind;
+        d.scale = row.scale;
+        d.minimum = row.minimum;
+        d.maximum = row.maximum;
+        d.defaultValue = row.defaultValue;
+        d.step = row.step;
+        d.unit = QString::fromStdString(row.unit);
+        for (const std::string& option : row.options)
+            d.options.push_back(qvdTranslate(className, option.c_str()));
+        d.segments = row.taper;
+        d.buildValueTable();
+        table.push_back(std::move(d));
+    }
+    return table;
+}

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include <qvd/PluginTypes.h>
@@ -41,6 +42,33 @@ struct QVDParameterDefinition {
     void buildValueTable();
     qvd::ParameterInfo toInfo() const;
 };
+
+// One row of a plugin's declarative parameter table. The index is the row's
+// position and the identifier is "<Class>::<name>", both derived when the
+// table is built, so neither is ever typed twice:
+//   {.name = "GAIN", .label = "Gain", .minimum = -48, .maximum = 48, .step = 0.1f, .unit = "dB"}
+struct QVDParam {
+    std::string name;  // upper case, without the class prefix
+    std::string label; // display name, translated in the class's context
+    float minimum = 0.0f;
+    float maximum = 1.0f;
+    float defaultValue = 0.0f;
+    float step = 0.0f; // 0 stores as 1
+    std::string unit;  // "dB", "Hz", "ms", "%" or empty
+    std::int32_t kind = qvd::kContinuous;
+    std::int32_t scale = qvd::kLinear;
+    std::vector<std::string> options; // list labels, in value order
+    std::vector<QVDTaperSegment> taper;
+};
+
+// A list row: range 0 .. options - 1, step 1.
+QVDParam qvdListParam(std::string name, std::string label, std::vector<std::string> options, int defaultChoice);
+// A switch row: a two-choice list, "Off"/"On" unless other labels are given.
+QVDParam qvdSwitchParam(std::string name, std::string label, bool on, std::string offLabel = "Off",
+                        std::string onLabel = "On");
+
+// The definitions of a class's rows, index and identifier derived.
+std::vector<QVDParameterDefinition> qvdParameterTable(const char* className, const std::vector<QVDParam>& rows);
 
 // Builds the piecewise value table of a taper.
 std::vector<float> qvdBuildValueTable(const std::vector<QVDTaperSegment>& segments);

@@ -27,6 +27,24 @@ const char* formatName(SampleFormat f)
 }
 } // namespace
 
+namespace {
+struct Registered {
+    const char* family;
+    const char* (*chosen)();
+};
+std::vector<Registered>& registered()
+{
+    static std::vector<Registered> list;
+    return list;
+}
+} // namespace
+
+bool RegisterKernelFamily(const char* family, const char* (*chosen)())
+{
+    registered().push_back({family, chosen});
+    return true;
+}
+
 std::vector<KernelChoice> ChosenKernels()
 {
     std::vector<KernelChoice> out;
@@ -50,6 +68,8 @@ std::vector<KernelChoice> ChosenKernels()
     for (SampleFormat f : {SampleFormat::Int16, SampleFormat::Int24, SampleFormat::Float32})
         note<Interleave, std::size_t, SampleFormat>(
             out, std::string("Interleave(2 channels, ") + formatName(f) + ")", InterleaveVariants(), 2, f);
+    for (const Registered& r : registered())
+        out.push_back({r.family, r.chosen()});
     return out;
 }
 

@@ -13,7 +13,11 @@ struct KernelChoice {
 };
 
 // [control-thread] Asks every factory's table under the current instruction-set
-// answers (probe or override); builds nothing.
+// answers (probe or override); builds nothing. Registered families follow.
 std::vector<KernelChoice> ChosenKernels();
+
+// [static init] A family outside this library (a plugin's kernels) reports
+// the variant it would choose now.
+bool RegisterKernelFamily(const char* family, const char* (*chosen)());
 
 } // namespace twa::numeric

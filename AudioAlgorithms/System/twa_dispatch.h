@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 #include <span>
+#include <vector>
 
 namespace twa {
 
@@ -33,6 +34,42 @@ const KernelVariant<Base, Args...>* FirstChosen(std::span<const KernelVariant<Ba
         if (v.chosen(args...))
             return &v;
     return nullptr;
+}
+
+// A kernel family made of one plain function per instruction set (the
+// plugins' kernels). Lists end with the reference, whose condition always holds.
+template <class Fn>
+struct FunctionVariant {
+    const char* name;
+    IsaNeed needs;
+    bool (*chosen)();
+    Fn fn;
+};
+
+// [any-thread] The first variant whose condition holds and that this
+// processor runs: a forced level never picks code the machine cannot run,
+// and the reference is the floor, so the answer is never empty.
+template <class Fn>
+const FunctionVariant<Fn>& ChooseVariant(std::span<const FunctionVariant<Fn>> list)
+{
+    for (const auto& v : list)
+        if (v.chosen() && MachineRuns(v.needs))
+            return v;
+    return list.back();
+}
+
+inline bool Always() { return true; }
+
+// [any-thread] Every variant this processor runs, the reference first (for
+// tests and benchmarks that compare them).
+template <class Fn>
+std::vector<FunctionVariant<Fn>> RunnableVariants(std::span<const FunctionVariant<Fn>> list)
+{
+    std::vector<FunctionVariant<Fn>> out{list.back()};
+    for (std::size_t i = 0; i + 1 < list.size(); ++i)
+        if (MachineRuns(list[i].needs))
+            out.push_back(list[i]);
+    return out;
 }
 
 // Fills `out` with the first chosen variant; the previous object, if any, is

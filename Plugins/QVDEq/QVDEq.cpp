@@ -5,10 +5,6 @@
 #include <cstring>
 #include <limits>
 
-#include <emmintrin.h>
-
-#include "QVDEqPanel.h"
-
 
 QVD_REGISTER_AUDIO_PLUGIN(QVDEq)
 
@@ -23,53 +19,11 @@ std::int32_t listChoice(float value)
     return qvdListIndex(std::clamp(value, -2.0f, 1.0e6f));
 }
 
-// Largest |x| of a block, from 0, copying it to `out` on the way unless
-// `out` is null or the same buffer. max(|x|, peak) keeps the peak when x is
-// NaN, in the vector lanes as in the scalar tail, so the lanes' maximum is
-// what one scalar pass gives.
-float copyWithPeak(const float* in, float* out, std::size_t frames) noexcept
-{
-    if (out == in)
-        out = nullptr;
-    const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
-    __m128 lanes = _mm_setzero_ps();
-    std::size_t i = 0;
-    for (; i + 4 <= frames; i += 4) {
-        const __m128 v = _mm_loadu_ps(in + i);
-        lanes = _mm_max_ps(_mm_and_ps(v, absMask), lanes);
-        if (out)
-            _mm_storeu_ps(out + i, v);
-    }
-    alignas(16) float part[4];
-    _mm_store_ps(part, lanes);
-    float peak = 0.0f;
-    for (const float p : part)
-        peak = p > peak ? p : peak;
-    for (; i < frames; ++i) {
-        const float a = std::fabs(in[i]);
-        peak = a > peak ? a : peak;
-        if (out)
-            out[i] = in[i];
-    }
-    return peak;
-}
-
-float blockPeak(const float* samples, std::size_t frames) noexcept
-{
-    return copyWithPeak(samples, nullptr, frames);
-}
-
 constexpr float kDefaultFrequency[QVDEq::kBands] = {70.0f, 110.0f, 240.0f, 1200.0f, 6000.0f, 19000.0f};
 constexpr float kDefaultShape[QVDEq::kBands] = {3.0f, 0.0f, 1.0f, 1.0f, 3.0f, 0.0f};
 constexpr float kDefaultIn[QVDEq::kBands] = {0.0f, 1.0f, 1.0f, 1.0f, 1.0f, 0.0f};
 
 } // namespace
-
-const QVDPluginDescriptor& QVDEq::descriptor()
-{
-    static const QVDPluginDescriptor d{"Tarnwick EQ", 1.0, 1, qvdFourCC("QVEq"), 16, 16, "QVDEq", 0, 0, -1};
-    return d;
-}
 
 const std::array<std::int32_t, QVDEq::kBands * 4>& QVDEq::shapeTranslation()
 {
@@ -99,14 +53,23 @@ const std::array<std::int32_t, QVDEq::kBands * 4>& QVDEq::viewCodes()
     return table;
 }
 
+namespace {
+std::vector<std::string> shapeNames(int band)
+{
+    if (band == 0)
+        return {"Lo Shelf", "Bell", "Hi Shelf", "Hi Pass"};
+    if (band == QVDEq::kBands - 1)
+        return {"Lo Pass", "Bell", "Notch", "Hi Shelf"};
+    return {"Lo Shelf", "Bell", "Notch", "Hi Shelf"};
+}
+} // namespace
+
 QStringList QVDEq::shapeLabels(int band)
 {
-    auto tr = [](const char* text) { return qvdTranslate("QVDEq", text); };
-    if (band == 0)
-        return {tr("Lo Shelf"), tr("Bell"), tr("Hi Shelf"), tr("Hi Pass")};
-    if (band == kBands - 1)
-        return {tr("Lo Pass"), tr("Bell"), tr("Notch"), tr("Hi Shelf")};
-    return {tr("Lo Shelf"), tr("Bell"), tr("Notch"), tr("Hi Shelf")};
+    QStringList labels;
+    for (const std::string& name : shapeNames(band))
+        labels.push_back(qvdTranslate("QVDEq", name.c_str()));
+    return labels;
 }
 
 float QVDEq::mappedQ(float q)
@@ -114,88 +77,50 @@ float QVDEq::mappedQ(float q)
     return static_cast<float>((static_cast<double>(q) - 0.3) * 0.5 + 0.5);
 }
 
-const std::vector<QVDParameterDefinition>& QVDEq::parameterTable()
+std::vector<QVDParam> QVDEq::parameterRows()
 {
-    static const std::vector<QVDParameterDefinition> table = [] {
-        std::vector<QVDParameterDefinition> t;
-        auto add = [&t](const QString& id, const QString& label, std::int32_t kind, std::int32_t scale, float minimum,
-                        float maximum, float defaultValue, float step, const QString& unit,
-                        const QStringList& options) {
-            QVDParameterDefinition d;
-            d.index = static_cast<std::int32_t>(t.size());
-            d.identifier = id;
-            d.label = label;
-            d.kind = kind;
-            d.scale = scale;
-            d.minimum = minimum;
-            d.maximum = maximum;
-            d.defaultValue = defaultValue;
-            d.step = step;
-            d.unit = unit;
-            d.options = options;
-            d.buildValueTable();
-            t.push_back(d);
-        };
-        const QStringList offOn{qvdTranslate("QVDEq", "Off"), qvdTranslate("QVDEq", "On")};
-        for (int b = 0; b < kBands; ++b) {
-            const auto id = [b](const char* name) { return QStringLiteral("QVDEq::%1_%2").arg(QLatin1String(name)).arg(b); };
-            const auto label = [b](const char* text) { return qvdTranslate("QVDEq", text).arg(b + 1); };
-            add(id("BAND_GAIN"), label("Band %1 Gain"), qvd::kContinuous, qvd::kLinear, -20.0f, 20.0f, 0.0f, 0.1f,
-                QStringLiteral("dB"), {});
-            add(id("BAND_Q"), label("Band %1 Q"), qvd::kContinuous, qvd::kLinear, 0.3f, 10.3f, 2.3f, 0.1f, QString(),
-                {});
-            add(id("BAND_FREQ"), label("Band %1 Freq"), qvd::kContinuous, qvd::kLogarithmic, 20.0f, 19000.0f,
-                kDefaultFrequency[b], 1.0f, QStringLiteral("Hz"), {});
-            add(id("BAND_SHAPE"), label("Band %1 Shape"), qvd::kList, qvd::kLinear, 0.0f, 3.0f, kDefaultShape[b],
-                1.0f, QString(), shapeLabels(b));
-            add(id("BAND_IN"), label("Band %1 In"), qvd::kList, qvd::kLinear, 0.0f, 1.0f, kDefaultIn[b], 1.0f,
-                QString(), offOn);
-        }
-        add(QStringLiteral("QVDEq::EQ_IN"), qvdTranslate("QVDEq", "Equalizer In"), qvd::kList, qvd::kLinear, 0.0f,
-            1.0f, 1.0f, 1.0f, QString(), {qvdTranslate("QVDEq", "Off"), qvdTranslate("QVDEq", "In")});
-        return t;
-    }();
-    return table;
+    std::vector<QVDParam> rows;
+    for (int b = 0; b < kBands; ++b) {
+        const std::string n = std::to_string(b);
+        const std::string band = "Band " + std::to_string(b + 1);
+        rows.push_back({.name = "BAND_GAIN_" + n, .label = band + " Gain", .minimum = -20.0f, .maximum = 20.0f,
+                        .step = 0.1f, .unit = "dB"});
+        rows.push_back({.name = "BAND_Q_" + n, .label = band + " Q", .minimum = 0.3f, .maximum = 10.3f,
+                        .defaultValue = 2.3f, .step = 0.1f});
+        rows.push_back({.name = "BAND_FREQ_" + n, .label = band + " Freq", .minimum = 20.0f, .maximum = 19000.0f,
+                        .defaultValue = kDefaultFrequency[b], .step = 1.0f, .unit = "Hz",
+                        .scale = qvd::kLogarithmic});
+        rows.push_back(qvdListParam("BAND_SHAPE_" + n, band + " Shape", shapeNames(b),
+                                    static_cast<int>(kDefaultShape[b])));
+        rows.push_back(qvdSwitchParam("BAND_IN_" + n, band + " In", kDefaultIn[b] != 0.0f));
+    }
+    rows.push_back(qvdSwitchParam("EQ_IN", "Equalizer In", true, "Off", "In"));
+    return rows;
 }
 
 QVDEq::QVDEq(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services)
-    : QVDAudioPlugin<QVDEq>(descriptor, hostContext, services, parameterTable()),
-      m_kernel(qvd::eq::selectKernel()),
-      m_maxChannels(std::max(maxInputs(), maxOutputs()))
+    : QVDEffect(descriptor, hostContext, services), m_kernel(&qvd::eq::selectKernel())
 {
-    addMeterGroup(QStringLiteral("Input"), m_maxChannels);
-    addMeterGroup(QStringLiteral("Output"), m_maxChannels);
     for (BiQuad& band : m_bands)
         addAlgorithmRef(&band);
-    channelCountsChanged();
-    for (std::uint32_t i = 0; i < kParameterCount; ++i) {
-        if (i == EQ_IN)
-            m_eqIn.store(listChoice(m_parameters[i].value()) != 0, std::memory_order_relaxed);
-        else
-            applyBand(i, m_parameters[i].value(), false);
-    }
 }
 
-QVDEq::~QVDEq() = default;
-
-bool QVDEq::applyParameter(std::uint32_t index, float value)
+void QVDEq::parameterChanged(std::uint32_t index, float value)
 {
-    if (index >= m_parameters.size())
-        return false;
-    m_parameters[index].exchange(value);
     if (index == EQ_IN) {
         // NaN has no choice; the switch stays where it was.
         if (!std::isnan(value))
             m_eqIn.store(listChoice(value) != 0, std::memory_order_relaxed);
     } else {
-        applyBand(index, value, true);
+        applyBand(index, value);
     }
     m_changed.store(true, std::memory_order_relaxed);
-    return true;
 }
 
-void QVDEq::applyBand(std::uint32_t index, float value, bool log)
+void QVDEq::applyBand(std::uint32_t index, float value)
 {
+    // Lines are formatted only for a host that reads them.
+    const bool log = debugLogLevel() >= 2;
     const int b = static_cast<int>(index / 5);
     BiQuad& band = m_bands[static_cast<std::size_t>(b)];
     BandView& view = m_views[static_cast<std::size_t>(b)];
@@ -205,19 +130,22 @@ void QVDEq::applyBand(std::uint32_t index, float value, bool log)
     case kGain:
         band.setParameter(BiQuad::GAIN, value);
         view.gainDb = value;
-        line = QString::asprintf("Band %d, Gain: %f", b, v);
+        if (log)
+            line = QString::asprintf("Band %d, Gain: %f", b, v);
         break;
     case kQ: {
         const float q = mappedQ(value);
         band.setParameter(BiQuad::Q, q);
         view.q = q;
-        line = QString::asprintf("Band %d, Q: %f", b, v);
+        if (log)
+            line = QString::asprintf("Band %d, Q: %f", b, v);
         break;
     }
     case kFreq:
         band.setParameter(BiQuad::FREQ, value);
         view.frequency = value;
-        line = QString::asprintf("Band %d, Freq: %f", b, v);
+        if (log)
+            line = QString::asprintf("Band %d, Freq: %f", b, v);
         break;
     case kShape: {
         const std::int32_t r = listChoice(value);
@@ -230,13 +158,15 @@ void QVDEq::applyBand(std::uint32_t index, float value, bool log)
         }
         band.setParameter(BiQuad::SHAPE, static_cast<float>(shape));
         view.shape = code;
-        line = QString::asprintf("Band %d, Shape: %f, xlated: %d", b, v, shape);
+        if (log)
+            line = QString::asprintf("Band %d, Shape: %f, xlated: %d", b, v, shape);
         break;
     }
     case kIn:
         band.setParameter(BiQuad::IN, value);
         view.on = value != 0.0f;
-        line = QString::asprintf("Band %d, IN: %f", b, v);
+        if (log)
+            line = QString::asprintf("Band %d, IN: %f", b, v);
         break;
     default:
         break;
@@ -253,64 +183,29 @@ bool QVDEq::prepareProcessing()
     // Initialise put the bands back to their own defaults, and every
     // coefficient depends on the rate: apply the current settings again.
     for (std::uint32_t i = 0; i < EQ_IN; ++i)
-        applyBand(i, m_parameters[i].value(), false);
+        applyBand(i, m_parameters[i].value());
     m_changed.store(true, std::memory_order_relaxed);
     return true;
 }
 
-void QVDEq::channelCountsChanged()
+bool QVDEq::channelCountsChanged()
 {
-    setMeterGroupSize(kInputMeter, activeInputs());
-    setMeterGroupSize(kOutputMeter, activeOutputs());
     for (BiQuad& band : m_bands)
         band.setChannelCount(activeOutputs());
+    return true;
 }
 
-void QVDEq::processBlock(const qvd::BlockRecord* block, const float* const* inputs, float* const* outputs,
-                         std::int32_t frames) noexcept
+void QVDEq::resumeAfterBypass() noexcept
 {
-    frames = prepareBlock(inputs, sequenceOf(block), frames);
-    const std::int32_t ins = activeInputs();
-    const std::int32_t outs = activeOutputs();
-    const std::int32_t channels = std::min(ins, outs);
-    const auto n = static_cast<std::size_t>(frames);
+    for (BiQuad& band : m_bands)
+        band.reset();
+}
 
-    // "Equalizer In" off acts as the bypass: the copy is the output.
-    const bool bypass = bypassed() || !m_eqIn.load(std::memory_order_relaxed);
-    // The input is copied to the output and measured in one pass.
-    for (std::int32_t c = 0; c < channels; ++c) {
-        if (bypass) {
-            if (outputs[c] != inputs[c])
-                std::memmove(outputs[c], inputs[c], n * sizeof(float));
-        } else {
-            setMeterLevel(kInputMeter, c, copyWithPeak(inputs[c], outputs[c], n));
-        }
-    }
-    // Outputs without a matching input carry silence.
-    for (std::int32_t c = channels; c < outs; ++c)
-        std::memset(outputs[c], 0, n * sizeof(float));
-
-    if (bypass) {
-        for (std::int32_t c = 0; c < ins; ++c)
-            setMeterLevel(kInputMeter, c, 0.0f);
-        for (std::int32_t c = 0; c < outs; ++c)
-            setMeterLevel(kOutputMeter, c, 0.0f);
-        m_wasBypassed = true;
-        completeBlock(inputs, outputs, frames, 0);
-        return;
-    }
-    for (std::int32_t c = channels; c < ins; ++c)
-        setMeterLevel(kInputMeter, c, blockPeak(inputs[c], n));
-
-    // Coming back from bypass the bands' history is stale: start from silence.
-    if (m_wasBypassed) {
-        for (BiQuad& band : m_bands)
-            band.reset();
-        m_wasBypassed = false;
-    }
+void QVDEq::render(const QVDBlock& block) noexcept
+{
     qvd::eq::Band runs[kBands];
     std::int32_t count = 0;
-    std::uint32_t withState = static_cast<std::uint32_t>(channels);
+    std::uint32_t withState = static_cast<std::uint32_t>(block.channels);
     for (BiQuad& band : m_bands) {
         const BiQuadCoefficients& c = band.acquire();
         withState = std::min(withState, band.stateCount());
@@ -320,18 +215,14 @@ void QVDEq::processBlock(const qvd::BlockRecord* block, const float* const* inpu
     }
     const auto filtered = static_cast<std::int32_t>(withState);
     if (count > 0) {
-        const qvd::eq::KernelArgs args{outputs, filtered, frames, runs, count};
-        m_kernel.fn(args);
+        const qvd::eq::KernelArgs args{block.outputs, filtered, block.frames, runs, count};
+        m_kernel->fn(args);
         for (BiQuad& band : m_bands)
             band.recoverStates(withState);
     }
     // Channels the bands hold no state for are silent, as a BiQuad makes them.
-    for (std::int32_t c = filtered; c < channels; ++c)
-        std::memset(outputs[c], 0, n * sizeof(float));
-
-    for (std::int32_t c = 0; c < outs; ++c)
-        setMeterLevel(kOutputMeter, c, blockPeak(outputs[c], n));
-    completeBlock(inputs, outputs, frames, 0);
+    for (std::int32_t c = filtered; c < block.channels; ++c)
+        std::memset(block.outputs[c], 0, static_cast<std::size_t>(block.frames) * sizeof(float));
 }
 
 bool QVDEq::magnitudeResponse(const double* frequencies, double* decibels, std::int32_t count) const
@@ -358,9 +249,4 @@ bool QVDEq::magnitudeResponse(const double* frequencies, double* decibels, std::
         decibels[i] = db;
     }
     return true;
-}
-
-QWidget* QVDEq::buildEditor(QWidget* parent)
-{
-    return new QVDEqPanel(this, parent);
 }

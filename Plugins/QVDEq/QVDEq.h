@@ -11,11 +11,11 @@
 #include <vector>
 
 #include <Algorithms/BiQuad.h>
-#include <QVDAudioPlugin.h>
+#include <QVDEffect.h>
 
 #include "QVDEqKernel.h"
 
-class QVDEq : public QVDAudioPlugin<QVDEq> {
+class QVDEq : public QVDEffect<QVDEq> {
     Q_OBJECT
 public:
     static constexpr int kBands = 6;
@@ -43,11 +43,13 @@ public:
         std::int32_t shape = kViewBell;
     };
 
-    QVDEq(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
-    ~QVDEq() override;
+    static constexpr QVDPluginDescriptor kDescriptor{.name = "Tarnwick EQ", .fourcc = qvdFourCC("QVEq"),
+                                                     .maxInputs = 16, .maxOutputs = 16, .className = "QVDEq"};
+    // The bands filter the outputs in place.
+    static constexpr QVDEffectOptions kEffect{.copyInput = true};
+    static std::vector<QVDParam> parameterRows();
 
-    static const QVDPluginDescriptor& descriptor();
-    static const std::vector<QVDParameterDefinition>& parameterTable();
+    QVDEq(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
     // Index of a band's parameter: 5b + role.
     static constexpr std::uint32_t bandParameter(int band, Role role)
     {
@@ -63,9 +65,6 @@ public:
     // Q as the BiQuad sees it: 0.3..10.3 maps to 0.5..5.5.
     static float mappedQ(float q);
 
-    bool applyParameter(std::uint32_t index, float value) override;
-    QWidget* buildEditor(QWidget* parent) override;
-    bool hasEditor() const override { return true; }
     bool magnitudeResponse(const double* frequencies, double* decibels, std::int32_t count) const override;
 
     // [control-thread] The band's filter block (tests, the panel).
@@ -79,25 +78,26 @@ public:
     bool takeChanged() { return m_changed.exchange(false, std::memory_order_relaxed); }
 
     // Kernel variant in use ("m256", "m128", "ref"); tests and benchmarks may force one.
-    const char* kernelName() const { return m_kernel.name; }
-    void setKernel(qvd::eq::Variant variant) { m_kernel = variant; }
+    const char* kernelName() const { return m_kernel->name; }
+    void setKernel(const qvd::eq::Variant& variant) { m_kernel = &variant; }
 
 protected:
-    void processBlock(const qvd::BlockRecord* block, const float* const* inputs, float* const* outputs,
-                      std::int32_t frames) noexcept override;
+    void parameterChanged(std::uint32_t index, float value) override;
+    void render(const QVDBlock& block) noexcept override;
+    // "Equalizer In" off passes audio as the bypass does.
+    bool engaged() const noexcept override { return m_eqIn.load(std::memory_order_relaxed); }
+    // The bands' history is stale after a bypass: start from silence.
+    void resumeAfterBypass() noexcept override;
     bool prepareProcessing() override;
-    void channelCountsChanged() override;
+    bool channelCountsChanged() override;
 
 private:
-    // Forwards a band parameter to its BiQuad and the view copy; false for EQ_IN.
-    void applyBand(std::uint32_t index, float value, bool log);
+    // Forwards a band parameter to its BiQuad and the view copy.
+    void applyBand(std::uint32_t index, float value);
 
     std::array<BiQuad, kBands> m_bands;
     std::array<BandView, kBands> m_views;
     std::atomic<bool> m_eqIn{true};
     std::atomic<bool> m_changed{true};
-    qvd::eq::Variant m_kernel;
-    std::int32_t m_maxChannels;
-    // Audio thread: the last block ran bypassed.
-    bool m_wasBypassed = false;
+    const qvd::eq::Variant* m_kernel;
 };

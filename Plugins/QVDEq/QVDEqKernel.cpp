@@ -1,7 +1,7 @@
 #include "QVDEqKernel.h"
 
+#include <Algorithms/KernelReport.h>
 #include <System/twa_cpuinfo_x86.h>
-#include <System/twa_dispatch.h>
 
 #include <Algorithms/BiQuad.h>
 
@@ -47,30 +47,24 @@ void fusedChannel(const KernelArgs& args, std::int32_t ch, std::int32_t firstBan
     }
 }
 
-Variant selectKernel() noexcept
+namespace {
+constexpr Variant kVariants[] = {
+    {"m256", twa::IsaNeed::AVX, &twa::HasAVX, &m256::kernel},
+    {"m128", twa::IsaNeed::SSE2, &twa::HasSSE2, &m128::kernel},
+    {"ref", twa::IsaNeed::None, &twa::Always, &kernel_ref},
+};
+[[maybe_unused]] const bool g_reported =
+    twa::numeric::RegisterKernelFamily("Tarnwick EQ", [] { return selectKernel().name; });
+} // namespace
+
+std::span<const Variant> variants() noexcept
 {
-    // Forced levels apply; the machine check keeps them from picking code
-    // this processor cannot run.
-    if (twa::HasAVX() && twa::MachineRuns(twa::IsaNeed::AVX))
-        return {"m256", &m256::kernel};
-    if (twa::HasSSE2())
-        return {"m128", &m128::kernel};
-    return {"ref", &kernel_ref};
+    return kVariants;
 }
 
-int supportedKernels(Variant* out, int capacity) noexcept
+const Variant& selectKernel() noexcept
 {
-    int n = 0;
-    auto add = [&](const char* name, KernelFn fn) {
-        if (n < capacity)
-            out[n] = {name, fn};
-        ++n;
-    };
-    add("ref", &kernel_ref);
-    add("m128", &m128::kernel);
-    if (twa::MachineRuns(twa::IsaNeed::AVX))
-        add("m256", &m256::kernel);
-    return n;
+    return twa::ChooseVariant(variants());
 }
 
 } // namespace qvd::eq

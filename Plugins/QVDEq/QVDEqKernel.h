@@ -9,8 +9,10 @@
 //   m256  the same with four channels per AVX register (surround)
 
 #include <cstdint>
+#include <span>
 
 #include <Algorithms/BiQuadTypes.h>
+#include <System/twa_dispatch.h>
 
 namespace qvd::eq {
 
@@ -49,13 +51,10 @@ namespace m256 { void kernel(const KernelArgs& args) noexcept; }
 // channel `ch`, bands [firstBand, firstBand + bandCount), sample by sample.
 void fusedChannel(const KernelArgs& args, std::int32_t ch, std::int32_t firstBand, std::int32_t bandCount) noexcept;
 
-struct Variant {
-    const char* name;
-    KernelFn fn;
-};
+using Variant = twa::FunctionVariant<KernelFn>;
+// Widest first, the reference last.
+std::span<const Variant> variants() noexcept;
 // The fastest variant this processor runs.
-Variant selectKernel() noexcept;
-// Every variant this processor runs, the reference first (tests, benchmarks).
-int supportedKernels(Variant* out, int capacity) noexcept;
+const Variant& selectKernel() noexcept;
 
 } // namespace qvd::eq

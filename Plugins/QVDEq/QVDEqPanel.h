@@ -1,6 +1,5 @@
 #pragma once
-#include <QTimer>
-#include <QWidget>
+#include <UI/QVDPanel.h>
 
 #include <array>
 
@@ -13,7 +12,7 @@ class QVDResponseView;
 // 740 x 580 editor: the summed response on a log-frequency grid with a marker
 // per band, input and output meters, the "Equalizer In" switch, and per band
 // its shape and in selectors and its gain, frequency and Q knobs.
-class QVDEqPanel : public QWidget {
+class QVDEqPanel : public QVDPanel {
     Q_OBJECT
 public:
     QVDEqPanel(QVDEq* plugin, QWidget* parent);
@@ -26,12 +25,9 @@ public:
     QVDMeterWidget* inputMeter() const { return m_input; }
     QVDMeterWidget* outputMeter() const { return m_output; }
     // Reads meters and controls from the plugin; redraws the curve when a setting changed.
-    void refresh();
+    void refresh() override;
     // Samples the plugin's response at the view's frequencies now.
     void updateCurve();
-
-protected:
-    void paintEvent(QPaintEvent*) override;
 
 private:
     QVDEq* m_plugin;
@@ -44,5 +40,4 @@ private:
     std::array<QVDKnob*, 6> m_gain{};
     std::array<QVDKnob*, 6> m_freq{};
     std::array<QVDKnob*, 6> m_q{};
-    QTimer m_timer;
 };

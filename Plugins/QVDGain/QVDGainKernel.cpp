@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include <Algorithms/KernelReport.h>
 #include <System/twa_cpuinfo_x86.h>
-#include <System/twa_dispatch.h>
 
 namespace qvd::gain {
 
@@ -65,30 +65,24 @@ void kernel_ref(const KernelArgs& args) noexcept
         scalarChannel(args, c, 0);
 }
 
-Variant selectKernel() noexcept
+namespace {
+constexpr Variant kVariants[] = {
+    {"m256", twa::IsaNeed::AVX, &twa::HasAVX, &m256::kernel},
+    {"m128", twa::IsaNeed::SSE2, &twa::HasSSE2, &m128::kernel},
+    {"ref", twa::IsaNeed::None, &twa::Always, &kernel_ref},
+};
+[[maybe_unused]] const bool g_reported =
+    twa::numeric::RegisterKernelFamily("Gain", [] { return selectKernel().name; });
+} // namespace
+
+std::span<const Variant> variants() noexcept
 {
-    // The dispatch queries may be forced (tests, a host option); the machine check keeps
-    // a forced level from picking code this processor cannot run.
-    if (twa::HasAVX() && twa::MachineRuns(twa::IsaNeed::AVX))
-        return {"m256", &m256::kernel};
-    if (twa::HasSSE2())
-        return {"m128", &m128::kernel};
-    return {"ref", &kernel_ref};
+    return kVariants;
 }
 
-int supportedKernels(Variant* out, int capacity) noexcept
+const Variant& selectKernel() noexcept
 {
-    int n = 0;
-    auto add = [&](const char* name, KernelFn fn) {
-        if (n < capacity)
-            out[n] = {name, fn};
-        ++n;
-    };
-    add("ref", &kernel_ref);
-    add("m128", &m128::kernel);
-    if (twa::MachineRuns(twa::IsaNeed::AVX))
-        add("m256", &m256::kernel);
-    return n;
+    return twa::ChooseVariant(variants());
 }
 
 } // namespace qvd::gain

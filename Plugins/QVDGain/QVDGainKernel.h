@@ -6,6 +6,9 @@
 // them, so every variant is bit-exact with the reference.
 
 #include <cstdint>
+#include <span>
+
+#include <System/twa_dispatch.h>
 
 namespace qvd::gain {
 
@@ -48,13 +51,10 @@ void scatterLanes(const KernelArgs& args, int first, int channels, const Lanes& 
 // Calls run(args, first, count) for groups of at most `group` channels.
 void forEachGroup(const KernelArgs& args, int group, void (*run)(const KernelArgs&, int, int) noexcept) noexcept;
 
-struct Variant {
-    const char* name;
-    KernelFn fn;
-};
+using Variant = twa::FunctionVariant<KernelFn>;
+// Widest first, the reference last.
+std::span<const Variant> variants() noexcept;
 // The variant the processor dispatch picks: m256 with AVX, m128 with SSE2, else ref.
-Variant selectKernel() noexcept;
-// Every variant this processor runs, the reference first (for tests and benchmarks).
-int supportedKernels(Variant* out, int capacity) noexcept;
+const Variant& selectKernel() noexcept;
 
 } // namespace qvd::gain

@@ -1,7 +1,5 @@
 #include "QVDReverb.h"
 
-#include "QVDReverbPanel.h"
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -61,12 +59,6 @@ float logPosition(float value, float base, float scale)
 
 } // namespace
 
-const QVDPluginDescriptor& QVDReverb::descriptor()
-{
-    static const QVDPluginDescriptor d{"Reverb", 0.1, 1, qvdFourCC("QVRb"), 8, 8, "QVDReverb", 0, 0, -1};
-    return d;
-}
-
 const QVDReverb::Settings& QVDReverb::defaultSettings()
 {
     static const Settings s = [] {
@@ -97,8 +89,9 @@ float QVDReverb::settingOf(std::uint32_t index, float v)
     case ROOM_SIZE: return kSizeMin + (kSizeMax - kSizeMin) * v;
     case ROOM_RATIO: return kRatioMin + (kRatioMax - kRatioMin) * v;
     case PRE_DELAY:
-        // tanh(4) at run time: the ends must land exactly on +-0.2 s.
-        return 0.05f * std::atanh(std::tanh(4.0f) * (2.0f * v - 1.0f));
+        // In double, rounded once: in float, atanh near 1 magnifies the
+        // rounding of tanh(4) and the ends miss +-0.2 s. tanh(4) at run time.
+        return static_cast<float>(0.05 * std::atanh(std::tanh(4.0) * (2.0 * static_cast<double>(v) - 1.0)));
     case REVERB_TIME: return 0.1f * std::pow(40.0f, v);
     case DISTANCE: return 0.01f + 29.99f * v;
     case BRIGHTNESS: return 0.06f * std::pow(16.6667f, v);
@@ -159,49 +152,20 @@ const wchar_t* QVDReverb::shortName(std::int32_t index)
     return kText[index].shortName;
 }
 
-const std::vector<QVDParameterDefinition>& QVDReverb::parameterTable()
+std::vector<QVDParam> QVDReverb::parameterRows()
 {
-    static const std::vector<QVDParameterDefinition> table = [] {
-        std::vector<QVDParameterDefinition> t;
-        const Settings& s = defaultSettings();
-        for (std::int32_t i = 0; i < kParameterCount; ++i) {
-            QVDParameterDefinition d;
-            d.index = i;
-            d.identifier = QStringLiteral("QVDReverb::") + QString::fromLatin1(kText[i].identifier);
-            d.label = qvdTranslate("QVDReverb", kText[i].label);
-            d.kind = qvd::kContinuous;
-            d.scale = qvd::kLinear;
-            d.minimum = 0.0f;
-            d.maximum = 1.0f;
-            d.defaultValue = normalisedOf(static_cast<std::uint32_t>(i), s[kText[i].setting]);
-            d.step = 0.001f;
-            d.buildValueTable();
-            t.push_back(d);
-        }
-        return t;
-    }();
-    return table;
+    std::vector<QVDParam> rows;
+    const Settings& s = defaultSettings();
+    for (std::uint32_t i = 0; i < kParameterCount; ++i)
+        rows.push_back({.name = kText[i].identifier, .label = kText[i].label,
+                        .defaultValue = normalisedOf(i, s[kText[i].setting]), .step = 0.001f});
+    return rows;
 }
 
 QVDReverb::QVDReverb(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services)
-    : QVDAudioPlugin<QVDReverb>(descriptor, hostContext, services, parameterTable()), m_settings(defaultSettings())
+    : QVDEffect(descriptor, hostContext, services), m_settings(defaultSettings())
 {
-    addMeterGroup(QStringLiteral("Input"), maxInputs());
-    addMeterGroup(QStringLiteral("Output"), maxOutputs());
-    channelCountsChanged();
 }
-
-namespace {
-
-float peakOf(const float* x, std::size_t n) noexcept
-{
-    float p = 0.0f;
-    for (std::size_t i = 0; i < n; ++i)
-        p = std::max(p, std::fabs(x[i]));
-    return p;
-}
-
-} // namespace
 
 QVDReverb::~QVDReverb() = default;
 
@@ -235,40 +199,37 @@ void QVDReverb::storeSetting(std::uint32_t settingIndex, float value)
         m_control->set(settingIndex, value);
 }
 
-bool QVDReverb::applyParameter(std::uint32_t index, float value)
+void QVDReverb::parameterChanged(std::uint32_t index, float value)
 {
-    if (index >= kParameterCount)
-        return false;
-    trace(QString::asprintf("QVDReverb::setParameter()(0x%p, %d, %f)", static_cast<const void*>(this),
-                            static_cast<int>(index), static_cast<double>(value)));
-    // NaN has no position on the control; the setting stays.
-    if (std::isnan(value))
-        return true;
-    const float v = clamp01(value);
+    if (debugLogLevel() >= 2)
+        trace(QString::asprintf("QVDReverb::setParameter()(0x%p, %d, %f)", static_cast<const void*>(this),
+                                static_cast<int>(index), static_cast<double>(value)));
     std::lock_guard<std::mutex> lock(m_controlMutex);
-    if (index == ROOM_SIZE || index == ROOM_RATIO) {
-        // Display only: a set changes nothing.
-        m_parameters[index].exchange(normalisedOf(index, m_settings[kText[index].setting]));
-        return true;
+    // NaN has no position on the control, and the room-shape values are
+    // display only: either way the value shows where the setting is.
+    if (std::isnan(value) || index == ROOM_SIZE || index == ROOM_RATIO) {
+        storeParameterValue(index, normalisedOf(index, m_settings[kText[index].setting]));
+        return;
     }
-    m_parameters[index].exchange(v);
+    const float v = clamp01(value);
+    storeParameterValue(index, v);
     storeSetting(kText[index].setting, settingOf(index, v));
     if (index == ROOM_LENGTH || index == ROOM_WIDTH) {
         const float length = m_settings[qv_reverb_u15_control::RoomLength];
         const float width = m_settings[qv_reverb_u15_control::RoomWidth];
         storeSetting(qv_reverb_u15_control::RoomSize, length * width);
         storeSetting(qv_reverb_u15_control::RoomRatio, length / width);
-        m_parameters[ROOM_SIZE].exchange(normalisedOf(ROOM_SIZE, length * width));
-        m_parameters[ROOM_RATIO].exchange(normalisedOf(ROOM_RATIO, length / width));
+        storeParameterValue(ROOM_SIZE, normalisedOf(ROOM_SIZE, length * width));
+        storeParameterValue(ROOM_RATIO, normalisedOf(ROOM_RATIO, length / width));
     }
     if (m_control)
         m_exchange.publish(*m_param);
-    return true;
 }
 
 QString QVDReverb::displayText(std::int32_t index) const
 {
-    trace(QString::asprintf("QVDReverb::getParameterDisplay(0x%p, %d)", static_cast<const void*>(this), index));
+    if (debugLogLevel() >= 2)
+        trace(QString::asprintf("QVDReverb::getParameterDisplay(0x%p, %d)", static_cast<const void*>(this), index));
     if (index < 0 || index >= kParameterCount)
         return {};
     const float s = settings()[kText[index].setting];
@@ -301,7 +262,6 @@ QString QVDReverb::displayText(std::int32_t index) const
 
 bool QVDReverb::buildEngine()
 {
-    std::lock_guard<std::mutex> lock(m_controlMutex);
     const std::int32_t fs = sampleRate();
     // Exact rates only: every other rate, higher ones included, runs the
     // plain engine at the full rate.
@@ -316,6 +276,9 @@ bool QVDReverb::buildEngine()
     const auto ins = static_cast<std::uint32_t>(std::clamp(activeInputs(), 1, 8));
     const auto outs = static_cast<std::uint32_t>(std::clamp(activeOutputs(), 1, 8));
 
+    // Everything is allocated before anything is replaced: a failure leaves
+    // the running engine as it was. Setters wait: the controller reads the settings.
+    std::lock_guard<std::mutex> lock(m_controlMutex);
     auto param = std::make_unique<qv_reverb_u15_param>();
     param->inputs = ins;
     param->outputs = outs;
@@ -323,36 +286,45 @@ bool QVDReverb::buildEngine()
     param->max_block = factor == 1 ? block : (block + factor + factor - 1) / factor;
     // The widest room (40 m) sets the longest line: 2 * 40 / 340 s.
     param->max_delay = static_cast<std::uint32_t>(std::ceil(0.25f * rate)) + 1;
+    // The controller fills the record the engine starts from.
     auto control = std::make_unique<qv_reverb_u15_control>(rate, m_settings, param.get());
-
-    m_plain.reset();
-    m_oversampled.reset();
+    std::unique_ptr<qv_reverb_u15> plain;
+    std::unique_ptr<qv_reverb_u15_oversampled> oversampled;
     if (factor == 4)
-        m_oversampled = std::make_unique<qv_reverb_u15_x4>(*param);
+        oversampled = std::make_unique<qv_reverb_u15_x4>(*param);
     else if (factor == 2)
-        m_oversampled = std::make_unique<qv_reverb_u15_x2>(*param);
+        oversampled = std::make_unique<qv_reverb_u15_x2>(*param);
     else
-        m_plain = std::make_unique<qv_reverb_u15>(*param);
+        plain = std::make_unique<qv_reverb_u15>(*param);
+    std::vector<std::vector<float>> pending(factor == 1 ? 0 : ins, std::vector<float>(block + factor));
+    // Output waiting to leave: the fixed `factor`, what the last block left
+    // pending, and one whole converted block.
+    std::vector<std::vector<float>> ready(factor == 1 ? 0 : outs, std::vector<float>(block + 3 * factor));
+    std::vector<float*> pendingRows, readyRows;
+    for (auto& ch : pending)
+        pendingRows.push_back(ch.data());
+    for (auto& ch : ready)
+        readyRows.push_back(ch.data());
+    std::vector<float> silent(block, 0.0f), discard(block, 0.0f);
+    const std::uint64_t latency = oversampled ? oversampled->Latency() + factor : 0;
+
+    if (!setLatency(latency))
+        return false;
+    m_plain = std::move(plain);
+    m_oversampled = std::move(oversampled);
     m_param = std::move(param);
     m_control = std::move(control);
     m_exchange.clear();
     m_factor = factor;
-
-    m_pending.assign(factor == 1 ? 0 : ins, std::vector<float>(block + factor));
-    // Output waiting to leave: the fixed `factor`, what the last block left
-    // pending, and one whole converted block.
-    m_ready.assign(factor == 1 ? 0 : outs, std::vector<float>(block + 3 * factor));
-    m_pendingRows.clear();
-    m_readyRows.clear();
-    for (auto& ch : m_pending)
-        m_pendingRows.push_back(ch.data());
-    for (auto& ch : m_ready)
-        m_readyRows.push_back(ch.data());
+    m_pending = std::move(pending);
+    m_ready = std::move(ready);
+    m_pendingRows = std::move(pendingRows);
+    m_readyRows = std::move(readyRows);
     m_pendingFrames = 0;
     m_readyFrames = factor == 1 ? 0 : factor;
-    m_silentRow.assign(block, 0.0f);
-    m_discardRow.assign(block, 0.0f);
-    return setLatency(m_oversampled ? m_oversampled->Latency() + factor : 0);
+    m_silentRow = std::move(silent);
+    m_discardRow = std::move(discard);
+    return true;
 }
 
 bool QVDReverb::prepareProcessing()
@@ -365,16 +337,15 @@ bool QVDReverb::prepareProcessing()
     }
 }
 
-void QVDReverb::channelCountsChanged()
+bool QVDReverb::channelCountsChanged()
 {
-    setMeterGroupSize(kInputMeter, activeInputs());
-    setMeterGroupSize(kOutputMeter, activeOutputs());
     if (sampleRate() <= 0)
-        return;
+        return true;
     try {
-        buildEngine();
+        return buildEngine();
     } catch (const std::bad_alloc&) {
-        // The previous engine stays; prepare reports the failure.
+        // The previous engine and channel counts stay.
+        return false;
     }
 }
 
@@ -390,57 +361,45 @@ void QVDReverb::resetState() noexcept
     m_readyFrames = m_oversampled ? m_factor : 0;
 }
 
-void QVDReverb::processBlock(const qvd::BlockRecord* block, const float* const* inputs, float* const* outputs,
-                             std::int32_t frames) noexcept
+void QVDReverb::render(const QVDBlock& block) noexcept
 {
-    frames = prepareBlock(inputs, sequenceOf(block), frames);
-    const auto n = static_cast<std::size_t>(frames);
-    for (std::int32_t c = 0; c < activeInputs(); ++c)
-        setMeterLevel(kInputMeter, c, bypassed() ? 0.0f : peakOf(inputs[c], n));
-    if (!bypassed() && (m_plain || m_oversampled)) {
-        if (const qv_reverb_u15_param* fresh = m_exchange.take()) {
-            if (m_plain)
-                m_plain->set_param(*fresh);
-            else
-                m_oversampled->set_param(*fresh);
-        }
-        const float* silent[1] = {m_silentRow.data()};
-        float* discard[1] = {m_discardRow.data()};
-        const float* const* in = activeInputs() > 0 ? inputs : silent;
-        float* const* out = activeOutputs() > 0 ? outputs : discard;
-        if (m_plain) {
-            m_plain->process(in, out, n);
-        } else {
-            const std::size_t f = m_factor;
-            for (std::size_t c = 0; c < m_pending.size(); ++c)
-                std::memcpy(m_pending[c].data() + m_pendingFrames, in[c], n * sizeof(float));
-            const std::size_t total = m_pendingFrames + n;
-            const std::size_t whole = total - total % f;
-            if (whole > 0) {
-                float* rows[qv_max_channels];
-                for (std::size_t c = 0; c < m_ready.size(); ++c)
-                    rows[c] = m_ready[c].data() + m_readyFrames;
-                m_oversampled->process(m_pendingRows.data(), rows, whole);
-                m_readyFrames += whole;
-                for (auto& ch : m_pending)
-                    std::memmove(ch.data(), ch.data() + whole, (total - whole) * sizeof(float));
-            }
-            m_pendingFrames = total - whole;
-            for (std::size_t c = 0; c < m_ready.size(); ++c) {
-                std::memcpy(out[c], m_ready[c].data(), n * sizeof(float));
-                std::memmove(m_ready[c].data(), m_ready[c].data() + n, (m_readyFrames - n) * sizeof(float));
-            }
-            m_readyFrames -= n;
-        }
+    if (!m_plain && !m_oversampled)
+        return QVDAudioPluginImpl::render(block);
+    const auto n = static_cast<std::size_t>(block.frames);
+    if (const qv_reverb_u15_param* fresh = m_exchange.take()) {
+        if (m_plain)
+            m_plain->set_param(*fresh);
+        else
+            m_oversampled->set_param(*fresh);
     }
-    for (std::int32_t c = 0; c < activeOutputs(); ++c)
-        setMeterLevel(kOutputMeter, c, bypassed() ? 0.0f : peakOf(outputs[c], n));
-    completeBlock(inputs, outputs, frames, 0);
-}
-
-QWidget* QVDReverb::buildEditor(QWidget* parent)
-{
-    return new QVDReverbPanel(this, parent);
+    const float* silent[1] = {m_silentRow.data()};
+    float* discard[1] = {m_discardRow.data()};
+    const float* const* in = block.inputCount > 0 ? block.inputs : silent;
+    float* const* out = block.outputCount > 0 ? block.outputs : discard;
+    if (m_plain) {
+        m_plain->process(in, out, n);
+        return;
+    }
+    const std::size_t f = m_factor;
+    for (std::size_t c = 0; c < m_pending.size(); ++c)
+        std::memcpy(m_pending[c].data() + m_pendingFrames, in[c], n * sizeof(float));
+    const std::size_t total = m_pendingFrames + n;
+    const std::size_t whole = total - total % f;
+    if (whole > 0) {
+        float* rows[qv_max_channels];
+        for (std::size_t c = 0; c < m_ready.size(); ++c)
+            rows[c] = m_ready[c].data() + m_readyFrames;
+        m_oversampled->process(m_pendingRows.data(), rows, whole);
+        m_readyFrames += whole;
+        for (auto& ch : m_pending)
+            std::memmove(ch.data(), ch.data() + whole, (total - whole) * sizeof(float));
+    }
+    m_pendingFrames = total - whole;
+    for (std::size_t c = 0; c < m_ready.size(); ++c) {
+        std::memcpy(out[c], m_ready[c].data(), n * sizeof(float));
+        std::memmove(m_ready[c].data(), m_ready[c].data() + n, (m_readyFrames - n) * sizeof(float));
+    }
+    m_readyFrames -= n;
 }
 
 void QVDReverb::RecordExchange::publish(const qv_reverb_u15_param& p) noexcept

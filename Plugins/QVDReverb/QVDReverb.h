@@ -7,7 +7,7 @@
 // the finished engine record to the audio thread through a three-slot
 // exchange: no lock and no allocation on the audio thread, never a torn record.
 
-#include <QVDAudioPlugin.h>
+#include <QVDEffect.h>
 
 #include <qv_reverb_u15.h>
 #include <qv_reverb_u15_control.h>
@@ -19,7 +19,7 @@
 #include <mutex>
 #include <vector>
 
-class QVDReverb : public QVDAudioPlugin<QVDReverb> {
+class QVDReverb : public QVDEffect<QVDReverb> {
     Q_OBJECT
 public:
     enum Parameter : std::uint32_t {
@@ -50,11 +50,12 @@ public:
     using Settings = qv_reverb_u15_control::Settings;
     enum MeterGroup : std::int32_t { kInputMeter = 0, kOutputMeter = 1 };
 
+    static constexpr QVDPluginDescriptor kDescriptor{.name = "Reverb", .version = 0.1, .fourcc = qvdFourCC("QVRb"),
+                                                     .maxInputs = 8, .maxOutputs = 8, .className = "QVDReverb"};
+    static std::vector<QVDParam> parameterRows();
+
     QVDReverb(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
     ~QVDReverb() override;
-
-    static const QVDPluginDescriptor& descriptor();
-    static const std::vector<QVDParameterDefinition>& parameterTable();
     // The record every instance starts from.
     static const Settings& defaultSettings();
 
@@ -67,12 +68,11 @@ public:
     // [any-thread] Fixed short name; empty outside 0..21.
     static const wchar_t* shortName(std::int32_t index);
 
-    bool applyParameter(std::uint32_t index, float value) override;
-    QWidget* buildEditor(QWidget* parent) override;
-    bool hasEditor() const override { return true; }
-
+    // The settings record, not the parameter values, is where an instance starts.
+    void pluginCreated() override {}
     // [control-thread] Value and unit as shown to the user: "4.00 m", "-12 ms".
     QString displayText(std::int32_t index) const;
+    QString valueText(std::int32_t index, float) const override { return displayText(index); }
     // [control-thread] The settings record as the controller holds it.
     Settings settings() const;
     // [control-thread] Engine variant in use: 1, 2 or 4 (0 before prepare).
@@ -83,10 +83,10 @@ public:
     qv_reverb_u15_param engineParam() const;
 
 protected:
-    void processBlock(const qvd::BlockRecord* block, const float* const* inputs, float* const* outputs,
-                      std::int32_t frames) noexcept override;
+    void parameterChanged(std::uint32_t index, float value) override;
+    void render(const QVDBlock& block) noexcept override;
     bool prepareProcessing() override;
-    void channelCountsChanged() override;
+    bool channelCountsChanged() override;
     void resetState() noexcept override;
 
 private:

@@ -1,11 +1,13 @@
 #include "QVDReverbPanel.h"
 
 #include <QLabel>
-#include <QPainter>
 
+#include <QVDPanelRegistry.h>
 #include <UI/QVDStyle.h>
 
 #include "QVDReverb.h"
+
+QVD_REGISTER_PANEL(QVDReverb, QVDReverbPanel)
 
 namespace {
 
@@ -31,7 +33,7 @@ const std::vector<std::vector<int>>& panelRows()
 } // namespace
 
 QVDReverbPanel::QVDReverbPanel(QVDReverb* plugin, QWidget* parent)
-    : QWidget(parent), m_plugin(plugin), m_knobs(QVDReverb::kParameterCount, nullptr),
+    : QVDPanel(plugin, parent, 100), m_knobs(QVDReverb::kParameterCount, nullptr),
       m_values(QVDReverb::kParameterCount, nullptr)
 {
     setObjectName(QStringLiteral("QVDReverbPanel"));
@@ -40,28 +42,15 @@ QVDReverbPanel::QVDReverbPanel(QVDReverb* plugin, QWidget* parent)
     for (const auto& row : panelRows()) {
         int x = 8;
         for (const int index : row) {
-            const QVDParameterDefinition& d = m_plugin->parameters()[static_cast<std::size_t>(index)].definition();
             auto* caption = new QVDCaption(QString::fromWCharArray(QVDReverb::shortName(index)), this);
             caption->move(x, y);
-            if (index != QVDReverb::ROOM_SIZE && index != QVDReverb::ROOM_RATIO) {
-                auto* k = new QVDKnob(m_plugin, d.identifier, d.minimum, d.maximum, d.step, d.defaultValue, d.unit,
-                                      this);
-                k->setToolTip(d.label);
-                k->move(x + 8, y + 20);
-                m_knobs[static_cast<std::size_t>(index)] = k;
-            }
-            auto* value = new QLabel(this);
-            value->setObjectName(d.identifier);
-            value->setFont(QVDStyle::valueFont());
-            value->setFixedWidth(kColumn - 4);
-            value->move(x, y + 108);
-            m_values[static_cast<std::size_t>(index)] = value;
+            if (index != QVDReverb::ROOM_SIZE && index != QVDReverb::ROOM_RATIO)
+                m_knobs[static_cast<std::size_t>(index)] = addKnob(index, x + 8, y + 20);
+            m_values[static_cast<std::size_t>(index)] = addValueLabel(index, x, y + 108, kColumn - 4);
             x += kColumn;
         }
         y += kRow;
     }
-    connect(&m_timer, &QTimer::timeout, this, &QVDReverbPanel::refresh);
-    m_timer.start(100);
     refresh();
 }
 
@@ -69,20 +58,4 @@ QString QVDReverbPanel::valueText(int index) const
 {
     const QLabel* l = m_values[static_cast<std::size_t>(index)];
     return l ? l->text() : QString();
-}
-
-void QVDReverbPanel::refresh()
-{
-    for (int i = 0; i < QVDReverb::kParameterCount; ++i) {
-        if (QVDKnob* k = m_knobs[static_cast<std::size_t>(i)])
-            k->refresh();
-        if (QLabel* l = m_values[static_cast<std::size_t>(i)])
-            l->setText(m_plugin->displayText(i));
-    }
-}
-
-void QVDReverbPanel::paintEvent(QPaintEvent*)
-{
-    QPainter p(this);
-    p.fillRect(rect(), QVDStyle::background());
 }

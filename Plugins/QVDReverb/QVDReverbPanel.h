@@ -1,6 +1,5 @@
 #pragma once
-#include <QTimer>
-#include <QWidget>
+#include <UI/QVDPanel.h>
 
 #include <vector>
 
@@ -11,7 +10,7 @@ class QVDReverb;
 // Editor: the 22 settings as knobs in four rows (room and source, decay and
 // mix, early-reflection tone, late tone), each with its value underneath.
 // The two room-shape readings are labels only.
-class QVDReverbPanel : public QWidget {
+class QVDReverbPanel : public QVDPanel {
     Q_OBJECT
 public:
     QVDReverbPanel(QVDReverb* plugin, QWidget* parent);
@@ -19,15 +18,8 @@ public:
     // Knob of a parameter; null for the read-only room-shape ones.
     QVDKnob* knob(int index) const { return m_knobs[static_cast<std::size_t>(index)]; }
     QString valueText(int index) const;
-    // Re-reads every knob and value from the plugin.
-    void refresh();
-
-protected:
-    void paintEvent(QPaintEvent*) override;
 
 private:
-    QVDReverb* m_plugin;
     std::vector<QVDKnob*> m_knobs;
     std::vector<QLabel*> m_values;
-    QTimer m_timer;
 };

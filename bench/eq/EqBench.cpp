@@ -20,8 +20,8 @@ constexpr int kFrames = 512;
 void BM_Eq(benchmark::State& state)
 {
     const int channels = static_cast<int>(state.range(0));
-    qvd::eq::Variant variants[8];
-    const int count = qvd::eq::supportedKernels(variants, 8);
+    const auto variants = twa::RunnableVariants(qvd::eq::variants());
+    const int count = static_cast<int>(variants.size());
     const int which = static_cast<int>(state.range(1));
     if (which >= count) {
         state.SkipWithError("variant not supported here");
@@ -74,8 +74,8 @@ namespace {
 // The kernels alone on stereo, without the plugin's copy and meters.
 void BM_EqKernel(benchmark::State& state)
 {
-    qvd::eq::Variant variants[8];
-    const int count = qvd::eq::supportedKernels(variants, 8);
+    const auto variants = twa::RunnableVariants(qvd::eq::variants());
+    const int count = static_cast<int>(variants.size());
     const int which = static_cast<int>(state.range(0));
     if (which >= count) {
         state.SkipWithError("variant not supported here");

@@ -67,8 +67,8 @@ BENCHMARK(BM_GainPlugin)->Arg(2)->Arg(8)->Arg(36);
 
 void BM_GainKernel(benchmark::State& state)
 {
-    qvd::gain::Variant variants[8];
-    const int count = qvd::gain::supportedKernels(variants, 8);
+    const auto variants = twa::RunnableVariants(qvd::gain::variants());
+    const int count = static_cast<int>(variants.size());
     const int which = static_cast<int>(state.range(1));
     if (which >= count) {
         state.SkipWithError("variant not supported here");

@@ -8,13 +8,31 @@
 
 #include <cstdlib>
 
+#include <QLabel>
+
 #include <QVDGain.h>
-#include <QVDGainPanel.h>
+#include <UI/QVDListSelector.h>
+#include <UI/QVDPanel.h>
 #include <UI/QVDStyle.h>
+#include <qvd/PluginInterface.h>
 
 extern "C" void* GetQVDPluginInterface();
 
 namespace {
+
+qvd::PluginInterface& registry()
+{
+    return *static_cast<qvd::PluginInterface*>(GetQVDPluginInterface());
+}
+
+// Runs in its own process (each test does): no QApplication exists yet.
+TEST(Editors, NeedAQApplicationAndSayNoWithoutOne)
+{
+    qvd::PluginInstance* instance = registry().createPlugin(qvd::kAudioPlugin, "Gain:1364608878");
+    EXPECT_TRUE(instance->hasEditor());
+    EXPECT_EQ(instance->createEditor(nullptr), nullptr);
+    instance->destroy();
+}
 
 QApplication& app()
 {
@@ -37,9 +55,12 @@ struct PanelFixture : testing::Test {
         ASSERT_NE(instance, nullptr);
         panel = static_cast<QWidget*>(instance->createEditor(nullptr));
         ASSERT_NE(panel, nullptr);
-        gainPanel = qobject_cast<QVDGainPanel*>(panel);
-        ASSERT_NE(gainPanel, nullptr);
+        input = panel->findChild<QVDMeterWidget*>(QStringLiteral("InputMeter"));
+        output = panel->findChild<QVDMeterWidget*>(QStringLiteral("OutputMeter"));
+        knob = panel->findChild<QVDKnob*>();
+        ASSERT_TRUE(input && output && knob);
     }
+    void refresh() { qobject_cast<QVDPanel*>(panel)->refresh(); }
     void TearDown() override
     {
         delete panel;
@@ -48,15 +69,17 @@ struct PanelFixture : testing::Test {
     }
     qvd::PluginInstance* instance = nullptr;
     QWidget* panel = nullptr;
-    QVDGainPanel* gainPanel = nullptr;
+    QVDMeterWidget* input = nullptr;
+    QVDMeterWidget* output = nullptr;
+    QVDKnob* knob = nullptr;
 };
 
 TEST_F(PanelFixture, HasTheDesignedGeometry)
 {
     EXPECT_EQ(panel->size(), QSize(360, 194));
-    EXPECT_EQ(gainPanel->inputMeter()->x(), 8);
-    EXPECT_EQ(gainPanel->outputMeter()->x(), 92);
-    EXPECT_EQ(gainPanel->gainKnob()->identifier(), QStringLiteral("QVDGain::GAIN"));
+    EXPECT_EQ(input->x(), 8);
+    EXPECT_EQ(output->x(), 92);
+    EXPECT_EQ(knob->identifier(), QStringLiteral("QVDGain::GAIN"));
     QStringList captions;
     for (const QVDCaption* c : panel->findChildren<QVDCaption*>())
         captions << c->text();
@@ -67,7 +90,6 @@ TEST_F(PanelFixture, HasTheDesignedGeometry)
 
 TEST_F(PanelFixture, KnobMovesTheGainParameter)
 {
-    QVDKnob* knob = gainPanel->gainKnob();
     QKeyEvent up(QEvent::KeyPress, Qt::Key_Up, Qt::NoModifier);
     QApplication::sendEvent(knob, &up);
     EXPECT_NEAR(instance->getParameter(0), 0.1f, 1e-5f);
@@ -93,8 +115,11 @@ TEST_F(PanelFixture, KnobMovesTheGainParameter)
 
     // A change from the host shows on the knob.
     instance->setParameter(0, -12.0f);
-    gainPanel->refresh();
+    refresh();
     EXPECT_EQ(knob->value(), -12.0f);
+    const auto* value = panel->findChild<QLabel*>(QStringLiteral("QVDGain::GAIN"));
+    ASSERT_NE(value, nullptr);
+    EXPECT_EQ(value->text(), QStringLiteral("-12.0 dB"));
 }
 
 TEST_F(PanelFixture, RendersMetersFromThePluginsLevels)
@@ -104,16 +129,16 @@ TEST_F(PanelFixture, RendersMetersFromThePluginsLevels)
     std::vector<float> left(64, 0.5f), right(64, 0.0f);
     float* io[2] = {left.data(), right.data()};
     audio->process(nullptr, io, io, 64);
-    gainPanel->refresh();
-    ASSERT_EQ(gainPanel->inputMeter()->levels().size(), 2u);
-    EXPECT_NEAR(gainPanel->inputMeter()->levels()[0], -6.02, 0.01);
-    EXPECT_EQ(gainPanel->inputMeter()->levels()[1], -100.0);
+    refresh();
+    ASSERT_EQ(input->levels().size(), 2u);
+    EXPECT_NEAR(input->levels()[0], -6.02, 0.01);
+    EXPECT_EQ(input->levels()[1], -100.0);
 
     const QImage image = panel->grab().toImage();
     ASSERT_EQ(image.size(), QSize(360, 194));
     // -6 dB on a 60 dB scale: the left bar of the input meter is lit nine
     // tenths of the way up; the right bar is dark.
-    const QPoint meter = gainPanel->inputMeter()->pos();
+    const QPoint meter = input->pos();
     const QColor lit = image.pixelColor(meter + QPoint(10, 150));
     const QColor dark = image.pixelColor(meter + QPoint(40, 150));
     EXPECT_GT(lit.green(), 120);
@@ -122,6 +147,24 @@ TEST_F(PanelFixture, RendersMetersFromThePluginsLevels)
     EXPECT_EQ(image.pixelColor(meter + QPoint(10, 10)), QVDStyle::background());
     if (const char* path = std::getenv("QVD_PANEL_PNG"))
         image.save(QString::fromLocal8Bit(path));
+}
+
+// Every plugin has a panel, generic or its own, with a control per parameter.
+TEST(Panels, EveryPluginBuildsOne)
+{
+    app();
+    for (const auto& [key, info] : registry().listPlugins(qvd::kAudioPlugin)) {
+        SCOPED_TRACE(key);
+        qvd::PluginInstance* instance = registry().createPlugin(qvd::kAudioPlugin, key.c_str());
+        ASSERT_TRUE(instance->hasEditor());
+        auto* panel = static_cast<QWidget*>(instance->createEditor(nullptr));
+        ASSERT_NE(panel, nullptr);
+        EXPECT_FALSE(panel->grab().toImage().isNull());
+        const auto controls = panel->findChildren<QVDKnob*>().size() + panel->findChildren<QVDListSelector*>().size();
+        EXPECT_GE(static_cast<std::int32_t>(controls), instance->parameterCount() - 2) << "room-shape readouts aside";
+        delete panel;
+        instance->destroy();
+    }
 }
 
 } // namespace
