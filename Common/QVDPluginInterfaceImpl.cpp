@@ -1,5 +1,10 @@
 #include "QVDPluginInterfaceImpl.h"
 
+#include <Algorithms/KernelReport.h>
+#include <System/twa_cpuinfo_x86.h>
+
+#include <cstring>
+
 #include <QDirIterator>
 #include <QFile>
 
@@ -120,4 +125,62 @@ std::map<std::string, std::string> QVDPluginInterfaceImpl::listMacroEffects() co
         result.emplace(name.toStdString(), file.readAll().toStdString());
     }
     return result;
+}
+
+namespace {
+struct IsaLevel {
+    const char* name;
+    std::int32_t level;
+    bool fma;
+};
+// AVX2 processors all have FMA; the override keeps them together.
+constexpr IsaLevel kIsaLevels[] = {
+    {"none", twa::kIsaNone, false}, {"sse2", twa::kIsaSSE2, false}, {"sse4.1", twa::kIsaSSE41, false},
+    {"avx", twa::kIsaAVX, false},   {"avx2", twa::kIsaAVX2, true},
+};
+} // namespace
+
+std::map<std::string, std::string> QVDPluginInterfaceImpl::systemInfo() const
+{
+    std::map<std::string, std::string> info;
+    const twa::CpuInfoX86& cpu = twa::CpuFeatures::Instance().info;
+    std::string features = cpu.vendor;
+    const std::pair<bool, const char*> flags[] = {
+        {cpu.sse2, "sse2"}, {cpu.sse41, "sse4.1"}, {cpu.sse42, "sse4.2"}, {cpu.avx, "avx"},
+        {cpu.fma, "fma"},   {cpu.avx2, "avx2"},    {cpu.avx512f, "avx512f"}, {cpu.avx512bw, "avx512bw"},
+        {cpu.avx512dq, "avx512dq"}, {cpu.avx512vl, "avx512vl"}};
+    for (const auto& [on, name] : flags)
+        if (on)
+            features += std::string(" ") + name;
+    info["processor"] = features;
+    std::string level = "auto";
+    if (!twa::CpuFeatures::Instance().useProbe) {
+        level = "?";
+        for (const IsaLevel& l : kIsaLevels)
+            if (l.level == twa::CpuFeatures::Instance().settings.level)
+                level = l.name;
+    }
+    info["instruction set"] = level;
+    for (const twa::numeric::KernelChoice& k : twa::numeric::ChosenKernels())
+        info["kernel " + k.family] = k.variant;
+    return info;
+}
+
+bool QVDPluginInterfaceImpl::forceInstructionSet(const char* level)
+{
+    if (!level)
+        return false;
+    if (std::strcmp(level, "auto") == 0) {
+        twa::SetUseProbe(true);
+        return true;
+    }
+    for (const IsaLevel& l : kIsaLevels) {
+        if (std::strcmp(level, l.name) == 0) {
+            twa::SetUseProbe(false);
+            twa::CpuFeatures::Instance().settings.level = l.level;
+            twa::CpuFeatures::Instance().settings.fma = l.fma;
+            return true;
+        }
+    }
+    return false;
 }

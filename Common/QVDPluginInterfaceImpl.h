@@ -53,6 +53,8 @@ public:
     void setHostContext(void* context) override;
     void setHostServices(qvd::HostServices* services) override;
     std::map<std::string, std::string> listMacroEffects() const override;
+    std::map<std::string, std::string> systemInfo() const override;
+    bool forceInstructionSet(const char* level) override;
 
     void* hostContext() const { return m_hostContext.load(std::memory_order_relaxed); }
     qvd::HostServices* hostServices() const { return m_hostServices.load(std::memory_order_relaxed); }

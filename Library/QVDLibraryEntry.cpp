@@ -2,6 +2,7 @@
 #include <QResource>
 
 #include <cstddef>
+#include <cstdlib>
 #include <mutex>
 
 #include <QVDPluginInterfaceImpl.h>
@@ -23,15 +24,18 @@ struct ResourceBundle {
 };
 ResourceBundle g_bundle;
 
-void registerResources()
+void start()
 {
     g_bundle.registerOnce();
+    // A user reproduces a result on a lesser processor without a host option.
+    if (const char* isa = std::getenv("QVD_ISA"); isa && *isa)
+        QVDPluginInterfaceImpl::instance().forceInstructionSet(isa);
 }
 } // namespace
 
 extern "C" __attribute__((visibility("default"))) void* GetQVDPluginInterface()
 {
     static std::once_flag once;
-    std::call_once(once, registerResources);
+    std::call_once(once, start);
     return static_cast<qvd::PluginInterface*>(&QVDPluginInterfaceImpl::instance());
 }

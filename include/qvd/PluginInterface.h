@@ -39,6 +39,22 @@ public:
     // name, each the text of one definition (format in docs/MacroFX.md).
     virtual std::map<std::string, std::string> listMacroEffects() const = 0;
 
+    // Appended operations: a host built against the headers above keeps
+    // working; the library implements these, hosts only call them.
+
+    // [control-thread] What the library runs on, for a host's info output:
+    // "processor" (the features the probe found), "instruction set" (the
+    // level kernels are chosen at, "auto" unless forced) and one entry
+    // "kernel <family>" per kernel family with the variant it chooses now.
+    virtual std::map<std::string, std::string> systemInfo() const = 0;
+    // [not while processing] Chooses kernels as if the processor offered only
+    // `level`: "none" (reference code), "sse2", "sse4.1", "avx", "avx2", or
+    // "auto" for what the processor offers. Instances and engines created
+    // afterwards use it; code the processor cannot run is never chosen.
+    // False, with no change, for another text. The environment variable
+    // QVD_ISA, read when the library starts, does the same.
+    virtual bool forceInstructionSet(const char* level) = 0;
+
 protected:
     ~PluginInterface() = default;
 };

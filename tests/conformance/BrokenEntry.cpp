@@ -34,6 +34,8 @@ public:
     void setHostContext(void* c) override { m_real->setHostContext(c); }
     void setHostServices(qvd::HostServices* s) override { m_real->setHostServices(s); }
     std::map<std::string, std::string> listMacroEffects() const override { return m_real->listMacroEffects(); }
+    std::map<std::string, std::string> systemInfo() const override { return m_real->systemInfo(); }
+    bool forceInstructionSet(const char* level) override { return m_real->forceInstructionSet(level); }
 
 private:
     qvd::PluginInterface* m_real;

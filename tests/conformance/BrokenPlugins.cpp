@@ -347,8 +347,51 @@ private:
     float m_linear = 0.5f;
 };
 
+// A default outside its range, and a list with fewer labels than values.
+class BrokenTable : public Broken<BrokenTable> {
+    Q_OBJECT
+public:
+    using Broken::Broken;
+    BROKEN_DESCRIPTOR(BrokenTable, "Broken Table", "BkTb")
+    static const std::vector<QVDParameterDefinition>& parameterTable()
+    {
+        static const auto table = [] {
+            auto t = gainTable("Broken::GAIN");
+            t[0].defaultValue = 3.0f;
+            return t;
+        }();
+        return table;
+    }
+};
+
+// Reads the bypass flag twice: a flip in between leaves the block unwritten.
+class BrokenBypassRace : public Broken<BrokenBypassRace> {
+    Q_OBJECT
+public:
+    using Broken::Broken;
+    BROKEN_DESCRIPTOR(BrokenBypassRace, "Broken Bypass Race", "BkBr")
+protected:
+    void processBlock(const qvd::BlockRecord* block, const float* const* in, float* const* out,
+                      std::int32_t frames) noexcept override
+    {
+        frames = prepareBlock(in, sequenceOf(block), frames);
+        const bool rendered = !bypassed();
+        if (rendered)
+            for (int c = 0; c < std::min(activeInputs(), activeOutputs()); ++c)
+                std::memcpy(out[c], in[c], static_cast<std::size_t>(frames) * sizeof(float));
+        // Widens the window in which the other thread flips the flag.
+        for (volatile int spin = 0; spin < 100000; ++spin) {
+        }
+        if (!rendered && !bypassed())
+            return;
+        completeBlock(in, out, frames, 0);
+    }
+};
+
 } // namespace
 
+QVD_REGISTER_AUDIO_PLUGIN(BrokenTable)
+QVD_REGISTER_AUDIO_PLUGIN(BrokenBypassRace)
 QVD_REGISTER_AUDIO_PLUGIN(BrokenRacer)
 QVD_REGISTER_AUDIO_PLUGIN(BrokenRange)
 QVD_REGISTER_AUDIO_PLUGIN(BrokenFormats)

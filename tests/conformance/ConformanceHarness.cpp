@@ -570,6 +570,86 @@ void checkMatrix(Context& ctx, const std::string& key, const qvd::PluginInfo& in
     }
 }
 
+// The parameter table as a host reads it: every row reachable, identifiers
+// unique and "<Class>::NAME" with one prefix, index equal to position, the
+// default inside the range, lists with a label per value.
+void checkParameterTable(Context& ctx, const std::string& key)
+{
+    Instance inst(*ctx.lib.registry, key);
+    if (!inst.p)
+        return;
+    std::set<std::string> names;
+    std::string prefix, problem;
+    const std::int32_t count = inst.p->parameterCount();
+    for (std::int32_t i = 0; i < count && problem.empty(); ++i) {
+        qvd::ParameterInfo pi;
+        if (!inst.p->parameterInfo(i, &pi)) {
+            problem = format("parameter %d has no definition", i);
+            break;
+        }
+        const auto colons = pi.identifier.find("::");
+        const std::string own = colons == std::string::npos ? "" : pi.identifier.substr(0, colons + 2);
+        const std::string name = colons == std::string::npos ? "" : pi.identifier.substr(colons + 2);
+        const bool upper = !name.empty() && std::all_of(name.begin(), name.end(), [](char ch) {
+            return std::isupper(static_cast<unsigned char>(ch)) || std::isdigit(static_cast<unsigned char>(ch)) || ch == '_';
+        });
+        if (prefix.empty())
+            prefix = own;
+        if (pi.index != i)
+            problem = format("%s reports index %d at position %d", pi.identifier.c_str(), pi.index, i);
+        else if (own.size() < 3 || own != prefix || !upper)
+            problem = pi.identifier + " is not <Class>::UPPER_NAME with the plugin's one prefix " + prefix;
+        else if (!names.insert(pi.identifier).second)
+            problem = pi.identifier + " appears twice";
+        else if (!(pi.minimum <= pi.defaultValue && pi.defaultValue <= pi.maximum))
+            problem = format("%s default %g is outside %g to %g", pi.identifier.c_str(), static_cast<double>(pi.defaultValue),
+                             static_cast<double>(pi.minimum), static_cast<double>(pi.maximum));
+        else if (!(pi.step > 0.0f))
+            problem = pi.identifier + " has no positive step";
+        else if (pi.kind != qvd::kContinuous && !pi.options.empty() &&
+                 (pi.minimum != 0.0f || pi.maximum + 1.0f != static_cast<float>(pi.options.size())))
+            problem = format("%s lists %zu labels for values %g to %g", pi.identifier.c_str(), pi.options.size(),
+                             static_cast<double>(pi.minimum), static_cast<double>(pi.maximum));
+    }
+    qvd::ParameterInfo beyond;
+    if (problem.empty() && inst.p->parameterInfo(count, &beyond))
+        problem = "a definition past the last parameter";
+    ctx.report.check(problem.empty(), key, "param-table", problem);
+}
+
+// Bypass flipped from another thread while blocks run out of place: every
+// output sample is still written, whichever way each block went.
+void checkBypassToggle(Context& ctx, const std::string& key)
+{
+    Instance inst(*ctx.lib.registry, key);
+    const Config c{48000, 64, 2, 2};
+    if (!inst.p || !prepare(*inst.a(), c))
+        return;
+    std::atomic<bool> stop{false};
+    std::thread toggler([&] {
+        while (!stop) {
+            inst.a()->setBypass(!inst.a()->isBypassed());
+            std::this_thread::yield();
+        }
+    });
+    const Signal in = noise(2, 64, 13);
+    std::vector<float> l(64), r(64);
+    float* out[2] = {l.data(), r.data()};
+    const float* ins[2] = {in[0].data(), in[1].data()};
+    std::string problem;
+    for (int b = 0; b < 4000 && problem.empty(); ++b) {
+        std::fill(l.begin(), l.end(), bitsToFloat(kMarkerBits));
+        std::fill(r.begin(), r.end(), bitsToFloat(kMarkerBits));
+        inst.a()->process(nullptr, ins, out, 64);
+        for (int n = 0; n < 64 && problem.empty(); ++n)
+            if (floatToBits(l[static_cast<std::size_t>(n)]) == kMarkerBits || floatToBits(r[static_cast<std::size_t>(n)]) == kMarkerBits)
+                problem = format("block %d frame %d never written while bypass was toggled", b, n);
+    }
+    stop = true;
+    toggler.join();
+    ctx.report.check(problem.empty(), key, "bypass-toggle", problem);
+}
+
 void checkLatencyAndBypass(Context& ctx, const std::string& key)
 {
     Instance inst(*ctx.lib.registry, key);
@@ -646,13 +726,12 @@ void checkBadNumbers(Context& ctx, const std::string& key)
                 values.insert(values.end(), {k - 0.49f, k + 0.49f, k + 0.5f});
         }
         for (const float v : values) {
-            const bool inRange = v >= info.minimum && v <= info.maximum;
+            // Any value a host or a script can send, in range or not, keeps the output finite.
             inst.p->setParameter(i, v);
             const RunResult r = run(*inst.a(), cfg, noise(std::max(ins, 1), 256 * 8, 3), {256}, false);
-            if (inRange)
-                ctx.report.check(allFinite(r.out, 0, where), key, "params-finite",
-                                 format("%s = %g gives non-finite output: ", info.identifier.c_str(),
-                                        static_cast<double>(v)) + where);
+            ctx.report.check(allFinite(r.out, 0, where), key, "params-finite",
+                             format("%s = %g gives non-finite output: ", info.identifier.c_str(),
+                                    static_cast<double>(v)) + where);
             inst.p->setParameter(i, info.defaultValue);
             const RunResult back = run(*inst.a(), cfg, noise(std::max(ins, 1), second + 256 * 8, 4), {256}, false);
             ctx.report.check(allFinite(back.out, second, where), key, "params-recover",
@@ -668,8 +747,9 @@ void checkBadNumbers(Context& ctx, const std::string& key)
         for (auto& ch : in)
             std::fill(ch.begin() + 256, ch.begin() + 512, burst);
         const RunResult r = run(*inst.a(), cfg, in, {256}, false);
-        ctx.report.check(allFinite(r.out, 512 + second, where), key, "input-recover",
-                         format("not finite a second after an input burst of %g: ", static_cast<double>(burst)) + where);
+        // The burst fills one block; the next block is finite again.
+        ctx.report.check(allFinite(r.out, 512, where), key, "input-recover",
+                         format("not finite in the block after an input burst of %g: ", static_cast<double>(burst)) + where);
     }
 
     // Subnormal input with flush-to-zero off on our thread; the plugin must
@@ -883,8 +963,9 @@ void checkThreads(Context& ctx, const std::string& key)
     if (!inst.p || !prepare(*inst.a(), c))
         return;
     std::atomic<bool> stop{false};
-    std::thread parameters([&] {
-        std::mt19937 rng(ctx.report.seed);
+    // Two writers, as an editor and a host's automation are.
+    auto writer = [&](std::uint32_t seed) {
+        std::mt19937 rng(seed);
         while (!stop) {
             const std::int32_t count = inst.p->parameterCount();
             if (count > 0) {
@@ -896,7 +977,9 @@ void checkThreads(Context& ctx, const std::string& key)
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-    });
+    };
+    std::thread parameters(writer, ctx.report.seed);
+    std::thread automation(writer, ctx.report.seed + 1);
     std::thread meters([&] {
         double values[64];
         while (!stop) {
@@ -922,6 +1005,7 @@ void checkThreads(Context& ctx, const std::string& key)
     }
     stop = true;
     parameters.join();
+    automation.join();
     meters.join();
     ctx.report.check(finite, key, "threads", "non-finite output while parameters changed from another thread");
 }
@@ -1031,8 +1115,10 @@ int main(int argc, char** argv)
         if (onlyGroup == "threads") {
             checkThreads(ctx, key);
         } else {
+            checkParameterTable(ctx, key);
             checkMatrix(ctx, key, info);
             checkLatencyAndBypass(ctx, key);
+            checkBypassToggle(ctx, key);
             checkBadNumbers(ctx, key);
             checkSequences(ctx, key, info);
             checkRealtime(ctx, key, before);

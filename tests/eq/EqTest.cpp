@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cmath>
+#include <thread>
 #include <complex>
 #include <cstring>
 #include <limits>
@@ -456,6 +458,38 @@ TEST(EqProcess, ARateChangeRedesignsTheBandsWithTheirSettings)
 // Every kernel variant against the reference, bit for bit, with the states
 // they leave behind, over channel, band and frame counts that reach every
 // tail of the vector loops.
+// The editor and a host's automation set the same band at once: the audio
+// thread only ever sees a coefficient set that one of them designed.
+TEST(EqProcess, TwoWritersNeverTearABandsCoefficients)
+{
+    Eq eq;
+    ASSERT_TRUE(eq.prepare(48000.0f, 64, 2, 2));
+    const std::uint32_t gain = QVDEq::bandParameter(2, QVDEq::kGain);
+    const auto design = [&](float db) {
+        eq.instance->setParameter(static_cast<std::int32_t>(gain), db);
+        return eq.plugin->band(2).designed();
+    };
+    const BiQuadCoefficients plus = design(6.0f), minus = design(-6.0f);
+    std::atomic<bool> stop{false};
+    auto writer = [&](float db) {
+        while (!stop)
+            eq.instance->setParameter(static_cast<std::int32_t>(gain), db);
+    };
+    std::thread a(writer, 6.0f), b(writer, -6.0f);
+    auto& band = const_cast<BiQuad&>(eq.plugin->band(2));
+    int torn = 0;
+    for (int i = 0; i < 200000; ++i) {
+        const BiQuadCoefficients& c = band.acquire();
+        const bool isPlus = c.num1 == plus.num1 && c.num2 == plus.num2 && c.gain == plus.gain && c.den1 == plus.den1;
+        const bool isMinus = c.num1 == minus.num1 && c.num2 == minus.num2 && c.gain == minus.gain && c.den1 == minus.den1;
+        torn += (isPlus || isMinus) ? 0 : 1;
+    }
+    stop = true;
+    a.join();
+    b.join();
+    EXPECT_EQ(torn, 0);
+}
+
 TEST(EqKernels, EveryVariantMatchesTheReferenceExactly)
 {
     const auto variants = twa::RunnableVariants(qvd::eq::variants());

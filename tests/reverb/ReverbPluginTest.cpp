@@ -11,12 +11,52 @@
 #include <QVDReverbPanel.h>
 #include <qvd/PluginInterface.h>
 
+#include <atomic>
 #include <cmath>
+#include <cstdlib>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
 
 extern "C" void* GetQVDPluginInterface();
+
+// Allocations above this size fail, to reach the paths that handle it.
+std::atomic<std::size_t> g_failAbove{SIZE_MAX};
+
+void* operator new(std::size_t size)
+{
+    if (size > g_failAbove.load(std::memory_order_relaxed))
+        throw std::bad_alloc();
+    if (void* p = std::malloc(size ? size : 1))
+        return p;
+    throw std::bad_alloc();
+}
+void* operator new(std::size_t size, std::align_val_t align)
+{
+    if (size > g_failAbove.load(std::memory_order_relaxed))
+        throw std::bad_alloc();
+    const auto a = static_cast<std::size_t>(align);
+    if (void* p = std::aligned_alloc(a, (size + a - 1) / a * a))
+        return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p, std::align_val_t) noexcept
+{
+    std::free(p);
+}
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept
+{
+    std::free(p);
+}
+void operator delete(void* p) noexcept
+{
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept
+{
+    std::free(p);
+}
 
 namespace {
 
@@ -111,6 +151,9 @@ TEST(ReverbPlugin, CurvesHitTheirStatedPoints)
         for (const float v : {0.0f, 0.2f, 0.5f, 0.77f, 1.0f})
             EXPECT_NEAR(R::normalisedOf(e.index, R::settingOf(e.index, v)), v, 2e-4f) << e.index << " at " << v;
     }
+    // Exactly, not nearly: the ends are the range a user reads, +-200 ms.
+    EXPECT_EQ(R::settingOf(R::PRE_DELAY, 0.0f), -0.2f);
+    EXPECT_EQ(R::settingOf(R::PRE_DELAY, 1.0f), 0.2f);
     EXPECT_EQ(R::settingOf(R::PRE_DELAY, 0.5f), 0.0f);
     EXPECT_FLOAT_EQ(R::levelCurve(0.05f), 0.01f);
     EXPECT_FLOAT_EQ(R::levelCurve(0.025f), 0.005f);
@@ -152,6 +195,26 @@ TEST(ReverbPlugin, RoomLengthAndWidthDeriveSizeAndRatio)
     EXPECT_EQ(r.plugin->settings()[5], s[5]);
     r.instance->setParameter(QVDReverb::REVERB_TIME, 7.0f);
     EXPECT_NEAR(r.plugin->settings()[5], 4.0f, 1e-5f);
+}
+
+// A channel-count change whose engine cannot be allocated is refused, and
+// the running engine carries on at the old count.
+TEST(ReverbPlugin, AFailedEngineRebuildKeepsTheRunningEngine)
+{
+    Reverb r;
+    ASSERT_TRUE(r.prepare(48000.0f, 256, 2));
+    g_failAbove = 8 * 1024; // each delay line is larger than this
+    const bool accepted = r.audio()->setChannelFormats(qvd::kFormat51, qvd::kFormat51);
+    g_failAbove = SIZE_MAX;
+    EXPECT_FALSE(accepted);
+    EXPECT_EQ(r.audio()->inputChannelCount(), 2);
+    Signal in(2, std::vector<float>(48000, 0.0f));
+    in[0][0] = in[1][0] = 1.0f;
+    const Signal out = r.run(in, 256);
+    double tail = 0.0;
+    for (std::size_t n = 4800; n < out[0].size(); ++n)
+        tail += std::fabs(out[0][n]);
+    EXPECT_GT(tail, 1e-3) << "the impulse still rings in the room";
 }
 
 TEST(ReverbPlugin, EngineFollowsTheExactSampleRate)
