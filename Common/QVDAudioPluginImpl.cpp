@@ -185,6 +185,84 @@ std::int32_t QVDAudioPluginImpl::responseCurve(const double* frequencies, double
     return magnitudeResponse(frequencies, decibels, count) ? count : 0;
 }
 
+std::int32_t QVDAudioPluginImpl::readoutCount() const
+{
+    return static_cast<std::int32_t>(m_readouts.size());
+}
+
+bool QVDAudioPluginImpl::readoutInfo(std::int32_t index, qvd::ReadoutInfo* info) const
+{
+    if (!info || index < 0 || index >= readoutCount())
+        return false;
+    const Readout& r = *m_readouts[static_cast<std::size_t>(index)];
+    info->name = r.name.toStdString();
+    info->unit = r.unit.toStdString();
+    info->kind = r.size > 1 ? qvd::kReadoutArray : qvd::kReadoutScalar;
+    info->size = r.size;
+    return true;
+}
+
+std::int32_t QVDAudioPluginImpl::readReadout(std::int32_t index, double* values, std::int32_t capacity) const
+{
+    if (index < 0 || index >= readoutCount())
+        return 0;
+    const Readout& r = *m_readouts[static_cast<std::size_t>(index)];
+    if (!values)
+        return r.size;
+    const std::int32_t n = std::clamp(capacity, 0, r.size);
+    // A sequence lock: copy, and copy again if the audio thread wrote meanwhile.
+    // It publishes once a block, so a second try almost never comes.
+    for (int attempt = 0; attempt < 1000; ++attempt) {
+        const std::uint32_t before = r.sequence.load(std::memory_order_acquire);
+        if (before & 1u)
+            continue;
+        for (std::int32_t i = 0; i < n; ++i)
+            values[i] = r.values[static_cast<std::size_t>(i)].load(std::memory_order_relaxed);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        if (r.sequence.load(std::memory_order_relaxed) == before)
+            break;
+    }
+    return r.size;
+}
+
+std::int32_t QVDAudioPluginImpl::parameterText(std::int32_t index, float value, char* text, std::int32_t capacity) const
+{
+    if (index < 0 || index >= parameterCount())
+        return 0;
+    const QByteArray utf8 = valueText(index, value).toUtf8();
+    if (text && capacity > 0) {
+        const auto n = std::min<std::size_t>(static_cast<std::size_t>(utf8.size()), static_cast<std::size_t>(capacity - 1));
+        std::memcpy(text, utf8.constData(), n);
+        text[n] = '\0';
+    }
+    return static_cast<std::int32_t>(utf8.size());
+}
+
+std::int32_t QVDAudioPluginImpl::addReadout(const QString& name, const QString& unit, std::int32_t size)
+{
+    auto r = std::make_unique<Readout>();
+    r->name = name.toUtf8();
+    r->unit = unit.toUtf8();
+    r->size = std::max(1, size);
+    r->values = std::make_unique<std::atomic<float>[]>(static_cast<std::size_t>(r->size));
+    for (std::int32_t i = 0; i < r->size; ++i)
+        r->values[static_cast<std::size_t>(i)].store(0.0f, std::memory_order_relaxed);
+    m_readouts.push_back(std::move(r));
+    return static_cast<std::int32_t>(m_readouts.size()) - 1;
+}
+
+void QVDAudioPluginImpl::publishReadout(std::int32_t index, const float* values, std::int32_t count) noexcept
+{
+    Readout& r = *m_readouts[static_cast<std::size_t>(index)];
+    const std::uint32_t s = r.sequence.load(std::memory_order_relaxed);
+    r.sequence.store(s + 1, std::memory_order_relaxed);
+    std::atomic_thread_fence(std::memory_order_release);
+    const std::int32_t n = std::min(count, r.size);
+    for (std::int32_t i = 0; i < n; ++i)
+        r.values[static_cast<std::size_t>(i)].store(values[i], std::memory_order_relaxed);
+    r.sequence.store(s + 2, std::memory_order_release);
+}
+
 // ---- MacroFXPlugin ----
 
 std::int32_t QVDAudioPluginImpl::parameterIndex(const char* identifier) const

@@ -98,6 +98,10 @@ public:
     const char* pluginKey() const final;
     void* createEditor(void* parentWidget) final;
     std::int32_t responseCurve(const double* frequencies, double* decibels, std::int32_t count) const final;
+    std::int32_t readoutCount() const final;
+    bool readoutInfo(std::int32_t index, qvd::ReadoutInfo* info) const final;
+    std::int32_t readReadout(std::int32_t index, double* values, std::int32_t capacity) const final;
+    std::int32_t parameterText(std::int32_t index, float value, char* text, std::int32_t capacity) const final;
 
     // MacroFXPlugin
     std::int32_t parameterIndex(const char* identifier) const final;
@@ -201,6 +205,13 @@ protected:
     // outputs silenced.
     void runEffectBlock(const qvd::BlockRecord* record, const float* const* inputs, float* const* outputs,
                         std::int32_t frames) noexcept;
+    // [construction] A named readout of `size` values (an array when more
+    // than one); returns its index.
+    std::int32_t addReadout(const QString& name, const QString& unit, std::int32_t size = 1);
+    // [audio-thread] Publishes a whole readout at once: readers see either
+    // the previous values or these, never a mix. No lock, no allocation.
+    void publishReadout(std::int32_t index, const float* values, std::int32_t count) noexcept;
+    void publishReadout(std::int32_t index, float value) noexcept { publishReadout(index, &value, 1); }
     // [control-thread] Corrects a stored value without calling parameterChanged().
     void storeParameterValue(std::uint32_t index, float value) { m_parameters[index].exchange(value); }
 
@@ -239,6 +250,14 @@ private:
         std::unique_ptr<std::atomic<float>[]> levels;
     };
 
+    struct Readout {
+        QByteArray name, unit;
+        std::int32_t size = 1;
+        // Odd while the audio thread writes.
+        std::atomic<std::uint32_t> sequence{0};
+        std::unique_ptr<std::atomic<float>[]> values;
+    };
+
     void resetAll() noexcept;
     void preRoll() noexcept;
     void silenceOutputs(float* const* outputs, std::int32_t frames) const noexcept;
@@ -275,6 +294,7 @@ private:
     std::size_t m_bypassPos = 0;
 
     std::vector<std::unique_ptr<MeterGroup>> m_meters;
+    std::vector<std::unique_ptr<Readout>> m_readouts;
 
     // The writers of parameter values, one at a time.
     std::mutex m_writerMutex;

@@ -65,6 +65,26 @@ public:
     // prepared, or a pointer is null.
     virtual std::int32_t responseCurve(const double* frequencies, double* decibels, std::int32_t count) const = 0;
 
+    // Appended operations (hosts built against the operations above keep
+    // working; only the library implements this interface).
+
+    // [any-thread] Named measurements beyond the meters: scalars (integrated
+    // loudness, correlation, gain reduction) and arrays (spectrum bins, band
+    // levels, point clouds). Indices are fixed for the instance's life.
+    virtual std::int32_t readoutCount() const = 0;
+    // [any-thread] Fills `info` for readout `index`; false when out of range
+    // or `info` is null.
+    virtual bool readoutInfo(std::int32_t index, ReadoutInfo* info) const = 0;
+    // [any-thread] Copies up to `capacity` values of readout `index`, all from
+    // the same moment (never half of one update), and returns its size; 0 for
+    // an unknown index. `values` may be null to ask the size. Never blocks the
+    // audio thread, which publishes without locks.
+    virtual std::int32_t readReadout(std::int32_t index, double* values, std::int32_t capacity) const = 0;
+    // [control-thread] The value as a user reads it ("-6.0 dB", "Bell"), for
+    // a parameter at `index`; writes at most `capacity` bytes including the
+    // terminating zero and returns the text's full length, 0 when out of range.
+    virtual std::int32_t parameterText(std::int32_t index, float value, char* text, std::int32_t capacity) const = 0;
+
 protected:
     ~PluginInstance() = default;
 };

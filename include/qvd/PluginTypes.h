@@ -123,4 +123,14 @@ struct ParameterInfo {
     std::vector<std::string> options; // labels of a list parameter, in value order
 };
 
+enum ReadoutKind : std::int32_t { kReadoutScalar = 0, kReadoutArray = 1 };
+
+// One named measurement a plugin publishes (PluginInstance::readoutInfo).
+struct ReadoutInfo {
+    std::string name;  // "Gain Reduction", "Integrated"
+    std::string unit;  // "dB", "LUFS", "LU", "Hz", "" ...
+    std::int32_t kind = kReadoutScalar;
+    std::int32_t size = 1; // values per snapshot: 1 for a scalar
+};
+
 } // namespace qvd

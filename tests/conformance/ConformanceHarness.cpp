@@ -985,6 +985,8 @@ void checkThreads(Context& ctx, const std::string& key)
         while (!stop) {
             for (std::int32_t g = 0; g < inst.p->meterGroupCount(); ++g)
                 inst.p->getMeterValues(g, values, 64);
+            for (std::int32_t r = 0; r < inst.p->readoutCount(); ++r)
+                inst.p->readReadout(r, values, 64);
             inst.a()->isBypassed();
             inst.p->getLatency();
             std::this_thread::sleep_for(std::chrono::milliseconds(5));

@@ -38,6 +38,10 @@ public:
     bool setParameterValue(std::int32_t, double) override { return false; }
     std::int32_t parameterCount() const override { return 0; }
     bool parameterInfo(std::int32_t, qvd::ParameterInfo*) const override { return false; }
+    std::int32_t readoutCount() const override { return 0; }
+    bool readoutInfo(std::int32_t, qvd::ReadoutInfo*) const override { return false; }
+    std::int32_t readReadout(std::int32_t, double*, std::int32_t) const override { return 0; }
+    std::int32_t parameterText(std::int32_t, float, char*, std::int32_t) const override { return 0; }
     std::int32_t meterGroupCount() const override { return 0; }
     const char* meterGroupName(std::int32_t) const override { return nullptr; }
     const char* pluginKey() const override { return displayName(); }
