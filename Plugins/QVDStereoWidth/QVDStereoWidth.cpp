@@ -54,8 +54,7 @@ void QVDStereoWidth::parameterChanged(std::uint32_t index, float value)
 
 bool QVDStereoWidth::prepareProcessing()
 {
-    for (auto& b : m_lowBuffer)
-        b.assign(static_cast<std::size_t>(blockSize()), 0.0f);
+    m_sideBuffer.assign(static_cast<std::size_t>(blockSize()), 0.0f);
     // Correlation sums average over about 300 ms.
     m_corrPole = std::exp(-1.0 / (static_cast<double>(sampleRate()) * 0.3));
     m_designedHz = 0.0f;
@@ -66,9 +65,8 @@ bool QVDStereoWidth::prepareProcessing()
 void QVDStereoWidth::resetState() noexcept
 {
     m_fresh = true;
-    for (int c = 0; c < 2; ++c)
-        for (int s = 0; s < 2; ++s)
-            m_low[c][s] = m_high[c][s] = BiQuadState{};
+    for (BiQuadState& s : m_state)
+        s = BiQuadState{};
     m_sumLR = m_sumLL = m_sumRR = 0.0;
 }
 
@@ -86,30 +84,29 @@ void QVDStereoWidth::bassMono(float* left, float* right, std::int32_t frames) no
 {
     const float hz = m_bassHz.load(std::memory_order_relaxed);
     if (hz != m_designedHz) {
-        // Butterworth sections squared: a Linkwitz-Riley pair whose sum is an all-pass.
-        const double q = std::sqrt(0.5);
-        m_lowPass = BiQuad::design(BiQuad::kLowPass, sampleRate(), hz, q, 1.0);
-        m_highPass = BiQuad::design(BiQuad::kHighPass, sampleRate(), hz, q, 1.0);
+        // Butterworth sections squared make a Linkwitz-Riley pair whose sum is
+        // the all-pass with the low pass's poles.
+        m_lowPass = BiQuad::design(BiQuad::kLowPass, sampleRate(), hz, std::sqrt(0.5), 1.0);
+        const BiQuadCoefficients& p = m_lowPass;
+        m_allPass = {.den2 = p.den2, .den1 = p.den1, .num2 = -1.0 / p.den2, .num1 = p.den1 / p.den2, .gain = -p.den2};
         m_designedHz = hz;
     }
+    // Low(M) + High(L) = AllPass(L) - Low(S) by linearity, with S = (L - R)/2:
+    // one Linkwitz-Riley low pass on the side instead of a full split per channel.
     const auto n = static_cast<std::uint32_t>(frames);
-    float* io[2] = {left, right};
-    for (int c = 0; c < 2; ++c) {
-        float* low = m_lowBuffer[c].data();
-        BiQuad::run(m_lowPass, m_low[c][0], io[c], low, n);
-        BiQuad::run(m_lowPass, m_low[c][1], low, low, n);
-        BiQuad::run(m_highPass, m_high[c][0], io[c], io[c], n);
-        BiQuad::run(m_highPass, m_high[c][1], io[c], io[c], n);
-        for (auto* s : {&m_low[c][0], &m_low[c][1], &m_high[c][0], &m_high[c][1]})
-            if (!std::isfinite(s->w1) || !std::isfinite(s->w2))
-                *s = BiQuadState{};
-    }
-    const float* lowL = m_lowBuffer[0].data();
-    const float* lowR = m_lowBuffer[1].data();
+    float* side = m_sideBuffer.data();
+    for (std::int32_t i = 0; i < frames; ++i)
+        side[i] = 0.5f * (left[i] - right[i]);
+    BiQuad::run(m_lowPass, m_state[0], side, side, n);
+    BiQuad::run(m_lowPass, m_state[1], side, side, n);
+    BiQuad::run(m_allPass, m_state[2], left, left, n);
+    BiQuad::run(m_allPass, m_state[3], right, right, n);
+    for (BiQuadState& s : m_state)
+        if (!std::isfinite(s.w1) || !std::isfinite(s.w2))
+            s = BiQuadState{};
     for (std::int32_t i = 0; i < frames; ++i) {
-        const float lowMono = 0.5f * (lowL[i] + lowR[i]);
-        left[i] += lowMono;
-        right[i] += lowMono;
+        left[i] -= side[i];
+        right[i] += side[i];
     }
 }
 

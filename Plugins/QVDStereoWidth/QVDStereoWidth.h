@@ -62,9 +62,9 @@ private:
     MidSideMixer m_mixer, m_after;
     bool m_fresh = true;
     float m_designedHz = 0.0f;
-    BiQuadCoefficients m_lowPass, m_highPass;
-    // Two sections each of low and high pass, per channel.
-    BiQuadState m_low[2][2]{}, m_high[2][2]{};
-    std::vector<float> m_lowBuffer[2];
+    BiQuadCoefficients m_lowPass, m_allPass;
+    // The side's two low-pass sections, then the left and right all-passes.
+    BiQuadState m_state[4]{};
+    std::vector<float> m_sideBuffer;
     double m_sumLR = 0.0, m_sumLL = 0.0, m_sumRR = 0.0, m_corrPole = 0.0;
 };
