@@ -65,4 +65,20 @@ void BM_StereoWidthBassMono(benchmark::State& state)
 }
 BENCHMARK(BM_StereoWidthBassMono);
 
+void BM_StereoDelay(benchmark::State& state)
+{
+    Stereo("Delay:1364608121", {{"QVDStereoDelay::FEEDBACK", 70.0f},
+                                {"QVDStereoDelay::CROSSFEED", 30.0f},
+                                {"QVDStereoDelay::LOW_CUT", 120.0f},
+                                {"QVDStereoDelay::HIGH_CUT", 6000.0f}})
+        .run(state);
+}
+BENCHMARK(BM_StereoDelay);
+
+void BM_StereoDelayDucking(benchmark::State& state)
+{
+    Stereo("Delay:1364608121", {{"QVDStereoDelay::FEEDBACK", 70.0f}, {"QVDStereoDelay::DUCK", 9.0f}}).run(state);
+}
+BENCHMARK(BM_StereoDelayDucking);
+
 } // namespace

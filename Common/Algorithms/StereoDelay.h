@@ -1,0 +1,60 @@
+#pragma once
+// Two fractional delay lines (left, right) with gliding read heads: a change
+// of time moves the head with bounded speed and acceleration, so automation
+// never jumps the read position. Reads are 4-point cubic (Catmull-Rom); a
+// settled head sits on a whole sample and returns stored samples exactly.
+//
+// The caller reads a frame, then writes one (a feedback loop needs the read
+// first): a delay of d returns the frame written d frames before the current
+// one. Delays are clamped to [2, capacity] so all four taps are written ones.
+
+#include <cstdint>
+#include <vector>
+
+class StereoDelay {
+public:
+    // Read-head speed limit, in samples of delay change per sample: the
+    // pitch of a gliding echo stays within 1 - kMaxSpeed .. 1 + kMaxSpeed.
+    static constexpr double kMaxSpeed = 4.0;
+
+    // [not while processing] Room for `maxDelay` samples per line; clears.
+    void prepare(double sampleRate, std::int32_t maxDelay);
+    // [audio-thread] Silence in both lines, heads parked at their targets.
+    void clear() noexcept;
+    // [audio-thread] Target delay of a line in samples; `glide` false jumps there.
+    void setDelay(int line, double samples, bool glide) noexcept;
+
+    // [audio-thread] Writes one frame (non-finite samples are stored as 0).
+    void write(float left, float right) noexcept
+    {
+        m_write = (m_write + 1) & m_mask;
+        m_lines[0][m_write] = finite(left);
+        m_lines[1][m_write] = finite(right);
+    }
+    // [audio-thread] Moves both heads one sample and reads them.
+    void read(float& left, float& right) noexcept
+    {
+        left = readLine(0);
+        right = readLine(1);
+    }
+    double delay(int line) const { return m_heads[line].position; }
+    std::int32_t capacity() const { return m_maxDelay; }
+
+private:
+    struct Head {
+        double position = 2.0;
+        double velocity = 0.0;
+        double target = 2.0;
+    };
+    static float finite(float x) { return x - x == 0.0f ? x : 0.0f; }
+    float readLine(int line) noexcept;
+    void glide(Head& h) noexcept;
+
+    std::vector<float> m_lines[2];
+    std::uint32_t m_mask = 0;
+    std::uint32_t m_write = 0;
+    std::int32_t m_maxDelay = 2;
+    Head m_heads[2];
+    double m_maxAccel = 0.0;
+    double m_settle = 1.0;
+};
