@@ -28,6 +28,7 @@ void StereoDelay::clear() noexcept
         h.position = h.target;
         h.velocity = 0.0;
     }
+    m_whole[0] = m_whole[1] = false;
 }
 
 void StereoDelay::setDelay(int line, double samples, bool glideTo) noexcept
@@ -37,6 +38,7 @@ void StereoDelay::setDelay(int line, double samples, bool glideTo) noexcept
     if (!glideTo) {
         h.position = h.target;
         h.velocity = 0.0;
+        m_whole[line] = false;
     }
 }
 
@@ -57,27 +59,4 @@ void StereoDelay::glide(Head& h) noexcept
         h.velocity = 0.0;
     }
     h.position = std::clamp(h.position, 2.0, static_cast<double>(m_maxDelay));
-}
-
-float StereoDelay::readLine(int line) noexcept
-{
-    Head& h = m_heads[line];
-    glide(h);
-    const double whole = std::floor(h.position);
-    const auto d = static_cast<std::uint32_t>(whole);
-    const auto t = static_cast<float>(h.position - whole);
-    const float* x = m_lines[line].data();
-    // x1 is `d` frames old counting the frame about to be written; x0 is
-    // newer, x2 and x3 older.
-    const std::uint32_t at = m_write + 1 - d;
-    const float x0 = x[(at + 1) & m_mask];
-    const float x1 = x[at & m_mask];
-    const float x2 = x[(at - 1) & m_mask];
-    const float x3 = x[(at - 2) & m_mask];
-    if (t == 0.0f)
-        return x1;
-    const float c1 = 0.5f * (x2 - x0);
-    const float c2 = x0 - 2.5f * x1 + 2.0f * x2 - 0.5f * x3;
-    const float c3 = 0.5f * (x3 - x0) + 1.5f * (x1 - x2);
-    return ((c3 * t + c2) * t + c1) * t + x1;
 }

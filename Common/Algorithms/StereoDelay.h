@@ -8,6 +8,7 @@
 // first): a delay of d returns the frame written d frames before the current
 // one. Delays are clamped to [2, capacity] so all four taps are written ones.
 
+#include <cmath>
 #include <cstdint>
 #include <vector>
 
@@ -47,7 +48,32 @@ private:
         double target = 2.0;
     };
     static float finite(float x) { return x - x == 0.0f ? x : 0.0f; }
-    float readLine(int line) noexcept;
+    float readLine(int line) noexcept
+    {
+        Head& h = m_heads[line];
+        const float* x = m_lines[line].data();
+        // x1 is `d` frames old counting the frame about to be written.
+        if (h.velocity == 0.0 && h.position == h.target && m_whole[line]) {
+            return x[(m_write + 1 - m_settled[line]) & m_mask];
+        }
+        glide(h);
+        const double whole = std::floor(h.position);
+        const auto d = static_cast<std::uint32_t>(whole);
+        const auto t = static_cast<float>(h.position - whole);
+        m_whole[line] = t == 0.0f;
+        m_settled[line] = d;
+        // x0 is newer than x1, x2 and x3 older.
+        const std::uint32_t at = m_write + 1 - d;
+        const float x0 = x[(at + 1) & m_mask];
+        const float x1 = x[at & m_mask];
+        const float x2 = x[(at - 1) & m_mask];
+        const float x3 = x[(at - 2) & m_mask];
+        const float c1 = 0.5f * (x2 - x0);
+        const float c2 = x0 - 2.5f * x1 + 2.0f * x2 - 0.5f * x3;
+        const float c3 = 0.5f * (x3 - x0) + 1.5f * (x1 - x2);
+        return t == 0.0f ? x1 : ((c3 * t + c2) * t + c1) * t + x1;
+    }
+    // Moves a head one sample towards its target.
     void glide(Head& h) noexcept;
 
     std::vector<float> m_lines[2];
@@ -55,6 +81,9 @@ private:
     std::uint32_t m_write = 0;
     std::int32_t m_maxDelay = 2;
     Head m_heads[2];
+    // Whether a head rests on a whole sample, and that delay.
+    bool m_whole[2]{};
+    std::uint32_t m_settled[2]{2, 2};
     double m_maxAccel = 0.0;
     double m_settle = 1.0;
 };

@@ -33,7 +33,9 @@ float QVDStereoDelay::limit(float x) noexcept
     const float a = std::fabs(x);
     if (a <= knee)
         return x;
-    return std::copysign(knee + room * std::tanh((a - knee) / room), x);
+    // u / (1 + u) meets the line with slope 1 and approaches the ceiling.
+    const float u = (a - knee) / room;
+    return std::copysign(knee + room * u / (1.0f + u), x);
 }
 
 void QVDStereoDelay::parameterChanged(std::uint32_t index, float value)
@@ -102,6 +104,8 @@ void QVDStereoDelay::render(const QVDBlock& block) noexcept
     const double lp = highCutOn ? pole(highCut) : 0.0;
     const double hp = lowCutOn ? pole(lowCut) : 0.0;
     const double duckDb = m_duckDb.load(relaxed);
+    const bool ducking = duckDb > 0.0;
+    const double duckDepth = 1.0 - std::pow(10.0, -duckDb / 20.0);
     const SmoothingCoefficient& smoothing = SmoothingCoefficient::shared200ms();
     const double a = smoothing.a(), b = smoothing.b();
 
@@ -130,15 +134,17 @@ void QVDStereoDelay::render(const QVDBlock& block) noexcept
         }
         m_delay.write(dryL + back[0], dryR + back[1]);
 
-        mix = a * mix + b * mixTarget;
-        if (std::fabs(mix - mixTarget) < 1e-7)
-            mix = mixTarget;
+        if (mix != mixTarget) {
+            mix = a * mix + b * mixTarget;
+            if (std::fabs(mix - mixTarget) < 1e-7)
+                mix = mixTarget;
+        }
         double wetGain = mix;
-        if (duckDb > 0.0) {
+        if (ducking) {
             const double level = std::max(std::fabs(dryL), std::fabs(dryR));
             env = level > env ? m_attack * env + (1.0 - m_attack) * level : m_release * env;
-            // Full reduction from -12 dBFS of input up.
-            wetGain *= std::pow(10.0, -duckDb * std::min(1.0, env * 4.0) / 20.0);
+            // Full reduction from -12 dBFS of input up, linear in the envelope below.
+            wetGain *= 1.0 - duckDepth * std::min(1.0, env * 4.0);
         }
         const auto dryGain = static_cast<float>(1.0 - mix);
         const auto wetF = static_cast<float>(wetGain);
