@@ -39,6 +39,9 @@ public:
         right = readLine(1);
     }
     double delay(int line) const { return m_heads[line].position; }
+    // [audio-thread] A read `samples` back, for taps the caller modulates
+    // itself (no head, no glide); `samples` within [2, capacity].
+    float tap(int line, double samples) const noexcept { return interpolate(line, samples); }
     std::int32_t capacity() const { return m_maxDelay; }
 
 private:
@@ -48,6 +51,24 @@ private:
         double target = 2.0;
     };
     static float finite(float x) { return x - x == 0.0f ? x : 0.0f; }
+    float interpolate(int line, double position) const noexcept
+    {
+        const float* x = m_lines[line].data();
+        const double whole = std::floor(position);
+        const auto d = static_cast<std::uint32_t>(whole);
+        const auto t = static_cast<float>(position - whole);
+        // x1 is `d` frames old counting the frame about to be written; x0 is
+        // newer, x2 and x3 older.
+        const std::uint32_t at = m_write + 1 - d;
+        const float x0 = x[(at + 1) & m_mask];
+        const float x1 = x[at & m_mask];
+        const float x2 = x[(at - 1) & m_mask];
+        const float x3 = x[(at - 2) & m_mask];
+        const float c1 = 0.5f * (x2 - x0);
+        const float c2 = x0 - 2.5f * x1 + 2.0f * x2 - 0.5f * x3;
+        const float c3 = 0.5f * (x3 - x0) + 1.5f * (x1 - x2);
+        return t == 0.0f ? x1 : ((c3 * t + c2) * t + c1) * t + x1;
+    }
     float readLine(int line) noexcept
     {
         Head& h = m_heads[line];
@@ -58,20 +79,9 @@ private:
         }
         glide(h);
         const double whole = std::floor(h.position);
-        const auto d = static_cast<std::uint32_t>(whole);
-        const auto t = static_cast<float>(h.position - whole);
-        m_whole[line] = t == 0.0f;
-        m_settled[line] = d;
-        // x0 is newer than x1, x2 and x3 older.
-        const std::uint32_t at = m_write + 1 - d;
-        const float x0 = x[(at + 1) & m_mask];
-        const float x1 = x[at & m_mask];
-        const float x2 = x[(at - 1) & m_mask];
-        const float x3 = x[(at - 2) & m_mask];
-        const float c1 = 0.5f * (x2 - x0);
-        const float c2 = x0 - 2.5f * x1 + 2.0f * x2 - 0.5f * x3;
-        const float c3 = 0.5f * (x3 - x0) + 1.5f * (x1 - x2);
-        return t == 0.0f ? x1 : ((c3 * t + c2) * t + c1) * t + x1;
+        m_whole[line] = h.position == whole;
+        m_settled[line] = static_cast<std::uint32_t>(whole);
+        return interpolate(line, h.position);
     }
     // Moves a head one sample towards its target.
     void glide(Head& h) noexcept;

@@ -83,4 +83,13 @@ void BM_StereoDelayDucking(benchmark::State& state)
 }
 BENCHMARK(BM_StereoDelayDucking);
 
+void BM_Chorus(benchmark::State& state)
+{
+    Stereo("Chorus:1364608121", {{"QVDChorus::VOICES", 3.0f},
+                                 {"QVDChorus::FEEDBACK", 30.0f},
+                                 {"QVDChorus::HIGH_CUT", 8000.0f}})
+        .run(state);
+}
+BENCHMARK(BM_Chorus);
+
 } // namespace
