@@ -54,9 +54,9 @@ private:
     float interpolate(int line, double position) const noexcept
     {
         const float* x = m_lines[line].data();
-        const double whole = std::floor(position);
-        const auto d = static_cast<std::uint32_t>(whole);
-        const auto t = static_cast<float>(position - whole);
+        // Positions are at least 2: truncation is the floor, without a libm call.
+        const auto d = static_cast<std::uint32_t>(position);
+        const auto t = static_cast<float>(position - static_cast<double>(d));
         // x1 is `d` frames old counting the frame about to be written; x0 is
         // newer, x2 and x3 older.
         const std::uint32_t at = m_write + 1 - d;
@@ -78,9 +78,8 @@ private:
             return x[(m_write + 1 - m_settled[line]) & m_mask];
         }
         glide(h);
-        const double whole = std::floor(h.position);
-        m_whole[line] = h.position == whole;
-        m_settled[line] = static_cast<std::uint32_t>(whole);
+        m_settled[line] = static_cast<std::uint32_t>(h.position);
+        m_whole[line] = h.position == static_cast<double>(m_settled[line]);
         return interpolate(line, h.position);
     }
     // Moves a head one sample towards its target.

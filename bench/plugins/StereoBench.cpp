@@ -92,4 +92,10 @@ void BM_Chorus(benchmark::State& state)
 }
 BENCHMARK(BM_Chorus);
 
+void BM_ChorusOneVoice(benchmark::State& state)
+{
+    Stereo("Chorus:1364608121", {{"QVDChorus::VOICES", 0.0f}}).run(state);
+}
+BENCHMARK(BM_ChorusOneVoice);
+
 } // namespace
