@@ -10,12 +10,14 @@ namespace {
 
 const std::string kKey = "Delay:1364608121";
 
-// Wet only, no feedback, at `rate`.
-void wetOnly(PluginFixture& fx, double rate)
+// Wet only at `rate`, both lines at `timeMs`, with `feedback` in %.
+void wetOnly(PluginFixture& fx, double rate, float timeMs = 100.0f, float feedback = 0.0f)
 {
     ASSERT_TRUE(fx.prepare(rate, 512, 2));
     fx.set("MIX", 100.0f);
-    fx.set("FEEDBACK", 0.0f);
+    fx.set("FEEDBACK", feedback);
+    fx.set("TIME_L", timeMs);
+    fx.set("TIME_R", timeMs);
 }
 
 } // namespace
@@ -43,10 +45,7 @@ TEST(Delay, ImpulseArrivesAtTheSetTimeAsOneEcho)
 TEST(Delay, RepeatsDecayByTheFeedbackRatioAndPingPong)
 {
     PluginFixture fx(kKey);
-    wetOnly(fx, 48000.0);
-    fx.set("TIME_L", 100.0f);
-    fx.set("TIME_R", 100.0f);
-    fx.set("FEEDBACK", 60.0f);
+    wetOnly(fx, 48000.0, 100.0f, 60.0f);
     Signal in = impulse(2, 48000, 0, 0.4f);
     std::fill(in[1].begin(), in[1].end(), 0.0f);
     Signal out = fx.run(in);
@@ -55,10 +54,7 @@ TEST(Delay, RepeatsDecayByTheFeedbackRatioAndPingPong)
 
     // Full cross-feed: the echoes alternate sides.
     PluginFixture pingPong(kKey);
-    wetOnly(pingPong, 48000.0);
-    for (const char* time : {"TIME_L", "TIME_R"})
-        pingPong.set(time, 100.0f);
-    pingPong.set("FEEDBACK", 60.0f);
+    wetOnly(pingPong, 48000.0, 100.0f, 60.0f);
     pingPong.set("CROSSFEED", 100.0f);
     out = pingPong.run(in);
     EXPECT_NEAR(out[0][4800], 0.4f, 1e-6);
@@ -71,9 +67,7 @@ TEST(Delay, RepeatsDecayByTheFeedbackRatioAndPingPong)
 TEST(Delay, HighCutDarkensEachRepeat)
 {
     PluginFixture fx(kKey);
-    wetOnly(fx, 48000.0);
-    fx.set("TIME_L", 200.0f);
-    fx.set("FEEDBACK", 90.0f);
+    wetOnly(fx, 48000.0, 200.0f, 90.0f);
     fx.set("HIGH_CUT", 2000.0f);
     // Each repeat runs through the one-pole once more: 8 kHz loses far more than 200 Hz.
     auto lossPerRepeat = [&](double hz) {
@@ -102,8 +96,7 @@ TEST(Delay, FullFeedbackStaysBoundedAndDuckingLowersTheWet)
     }
 
     PluginFixture duck(kKey);
-    wetOnly(duck, 48000.0);
-    duck.set("TIME_L", 50.0f);
+    wetOnly(duck, 48000.0, 50.0f);
     duck.set("DUCK", 12.0f);
     // A steady tone at -6 dBFS holds the duck fully down: the echo comes 12 dB lower.
     const Signal out = duck.run(sine(2, 48000, 1000.0, 48000.0));
@@ -119,8 +112,7 @@ TEST(Delay, SweepingTheTimeGlidesWithoutClicks)
     // gives a step of the order of the amplitude, thousands of times more.
     constexpr double rate = 48000.0, hz = 100.0, amplitude = 0.5;
     PluginFixture fx(kKey);
-    wetOnly(fx, rate);
-    fx.set("TIME_L", 10.0f);
+    wetOnly(fx, rate, 10.0f);
     const Signal in = sine(2, static_cast<std::size_t>(3.5 * rate), hz, rate, amplitude);
     const double w = 2.0 * M_PI * hz / rate;
     const double bound = 26.0 * amplitude * w * w;
