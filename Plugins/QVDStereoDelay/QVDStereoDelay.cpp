@@ -1,0 +1,165 @@
+#include "QVDStereoDelay.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include <SmoothingCoefficient.h>
+
+QVD_REGISTER_AUDIO_PLUGIN(QVDStereoDelay)
+
+std::vector<QVDParam> QVDStereoDelay::parameterRows()
+{
+    return {
+        {.name = "TIME_L", .label = "Time Left", .minimum = 1.0f, .maximum = 4000.0f, .defaultValue = 375.0f,
+         .step = 0.1f, .unit = "ms", .scale = qvd::kLogarithmic},
+        {.name = "TIME_R", .label = "Time Right", .minimum = 1.0f, .maximum = 4000.0f, .defaultValue = 500.0f,
+         .step = 0.1f, .unit = "ms", .scale = qvd::kLogarithmic},
+        {.name = "FEEDBACK", .label = "Feedback", .maximum = 100.0f, .defaultValue = 35.0f, .step = 0.1f,
+         .unit = "%"},
+        {.name = "CROSSFEED", .label = "Cross-feed", .maximum = 100.0f, .step = 1.0f, .unit = "%"},
+        {.name = "LOW_CUT", .label = "Low Cut", .minimum = kLowCutOff, .maximum = 2000.0f,
+         .defaultValue = kLowCutOff, .step = 1.0f, .unit = "Hz", .scale = qvd::kLogarithmic},
+        {.name = "HIGH_CUT", .label = "High Cut", .minimum = 1000.0f, .maximum = kHighCutOff,
+         .defaultValue = kHighCutOff, .step = 1.0f, .unit = "Hz", .scale = qvd::kLogarithmic},
+        {.name = "DUCK", .label = "Ducking", .maximum = 24.0f, .step = 0.1f, .unit = "dB"},
+        {.name = "MIX", .label = "Mix", .maximum = 100.0f, .defaultValue = 35.0f, .step = 1.0f, .unit = "%"},
+    };
+}
+
+float QVDStereoDelay::limit(float x) noexcept
+{
+    constexpr float knee = 0.5f;
+    constexpr float room = 0.98f - knee;
+    const float a = std::fabs(x);
+    if (a <= knee)
+        return x;
+    // u / (1 + u) meets the line with slope 1 and approaches the ceiling.
+    const float u = (a - knee) / room;
+    return std::copysign(knee + room * u / (1.0f + u), x);
+}
+
+void QVDStereoDelay::parameterChanged(std::uint32_t index, float value)
+{
+    if (std::isnan(value))
+        return;
+    const auto relaxed = std::memory_order_relaxed;
+    switch (index) {
+    case TIME_L:
+    case TIME_R: m_timeMs[index].store(std::clamp(value, 1.0f, 4000.0f), relaxed); break;
+    case FEEDBACK: m_feedback.store(std::clamp(value, 0.0f, 100.0f) / 100.0f, relaxed); break;
+    case CROSSFEED: m_crossfeed.store(std::clamp(value, 0.0f, 100.0f) / 100.0f, relaxed); break;
+    case LOW_CUT: m_lowCut.store(std::clamp(value, kLowCutOff, 2000.0f), relaxed); break;
+    case HIGH_CUT: m_highCut.store(std::clamp(value, 1000.0f, kHighCutOff), relaxed); break;
+    case DUCK: m_duckDb.store(std::clamp(value, 0.0f, 24.0f), relaxed); break;
+    case MIX: m_mix.store(std::clamp(value, 0.0f, 100.0f) / 100.0f, relaxed); break;
+    default: break;
+    }
+}
+
+bool QVDStereoDelay::prepareProcessing()
+{
+    const double rate = sampleRate();
+    m_delay.prepare(rate, static_cast<std::int32_t>(std::ceil(kMaxSeconds * rate)));
+    // The duck follows the input in 5 ms and lets go over 250 ms.
+    m_attack = std::exp(-1.0 / (rate * 0.005));
+    m_release = std::exp(-1.0 / (rate * 0.250));
+    resetState();
+    return true;
+}
+
+void QVDStereoDelay::resetState() noexcept
+{
+    m_delay.clear();
+    m_fresh = true;
+    m_envelope = 0.0;
+    for (int c = 0; c < 2; ++c)
+        m_lowPassed[c] = m_lowCutState[c] = 0.0;
+}
+
+double QVDStereoDelay::pole(float hz) const noexcept
+{
+    return std::exp(-2.0 * M_PI * static_cast<double>(hz) / static_cast<double>(sampleRate()));
+}
+
+void QVDStereoDelay::render(const QVDBlock& block) noexcept
+{
+    if (block.channels < 1)
+        return;
+    const auto relaxed = std::memory_order_relaxed;
+    const double rate = sampleRate();
+    for (int c = 0; c < 2; ++c)
+        m_delay.setDelay(c, std::round(m_timeMs[c].load(relaxed) * 1e-3 * rate), !m_fresh);
+    const double mixTarget = m_mix.load(relaxed);
+    if (m_fresh)
+        m_mixState = mixTarget;
+    m_fresh = false;
+
+    const float feedback = m_feedback.load(relaxed);
+    const float cross = m_crossfeed.load(relaxed);
+    const float lowCut = m_lowCut.load(relaxed);
+    const float highCut = m_highCut.load(relaxed);
+    // Off filters drop out of the loop, so repeats keep their exact ratio.
+    const bool lowCutOn = lowCut > kLowCutOff;
+    const bool highCutOn = highCut < kHighCutOff && highCut < 0.45f * static_cast<float>(rate);
+    const double lp = highCutOn ? pole(highCut) : 0.0;
+    const double hp = lowCutOn ? pole(lowCut) : 0.0;
+    const double duckDb = m_duckDb.load(relaxed);
+    const bool ducking = duckDb > 0.0;
+    const double duckDepth = 1.0 - std::pow(10.0, -duckDb / 20.0);
+    const SmoothingCoefficient& smoothing = SmoothingCoefficient::shared200ms();
+    const double a = smoothing.a(), b = smoothing.b();
+
+    const bool stereo = block.inputCount >= 2;
+    const float* inL = block.inputs[0];
+    const float* inR = stereo ? block.inputs[1] : block.inputs[0];
+    float* outL = block.outputs[0];
+    float* outR = block.outputCount >= 2 ? block.outputs[1] : nullptr;
+    double env = m_envelope;
+    double mix = m_mixState;
+    for (std::int32_t n = 0; n < block.frames; ++n) {
+        const float dryL = inL[n], dryR = inR[n];
+        float wet[2];
+        m_delay.read(wet[0], wet[1]);
+        float back[2];
+        for (int c = 0; c < 2; ++c) {
+            // Each line feeds back its own echo, or with cross-feed the other's.
+            double v = (1.0f - cross) * wet[c] + cross * wet[1 - c];
+            if (highCutOn)
+                v = m_lowPassed[c] = (1.0 - lp) * v + lp * m_lowPassed[c];
+            if (lowCutOn) {
+                m_lowCutState[c] = (1.0 - hp) * v + hp * m_lowCutState[c];
+                v -= m_lowCutState[c];
+            }
+            back[c] = limit(feedback * static_cast<float>(v));
+        }
+        m_delay.write(dryL + back[0], dryR + back[1]);
+
+        if (mix != mixTarget) {
+            mix = a * mix + b * mixTarget;
+            if (std::fabs(mix - mixTarget) < 1e-7)
+                mix = mixTarget;
+        }
+        double wetGain = mix;
+        if (ducking) {
+            const double level = std::max(std::fabs(dryL), std::fabs(dryR));
+            env = level > env ? m_attack * env + (1.0 - m_attack) * level : m_release * env;
+            // Full reduction from -12 dBFS of input up, linear in the envelope below.
+            wetGain *= 1.0 - duckDepth * std::min(1.0, env * 4.0);
+        }
+        const auto dryGain = static_cast<float>(1.0 - mix);
+        const auto wetF = static_cast<float>(wetGain);
+        outL[n] = dryGain * dryL + wetF * wet[0];
+        if (outR)
+            outR[n] = dryGain * dryR + wetF * wet[1];
+    }
+    if (!std::isfinite(env))
+        env = 0.0;
+    m_envelope = env;
+    m_mixState = mix;
+    for (int c = 0; c < 2; ++c) {
+        if (!std::isfinite(m_lowPassed[c]))
+            m_lowPassed[c] = 0.0;
+        if (!std::isfinite(m_lowCutState[c]))
+            m_lowCutState[c] = 0.0;
+    }
+}

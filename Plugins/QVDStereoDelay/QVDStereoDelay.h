@@ -1,0 +1,57 @@
+#pragma once
+// Stereo delay: two lines up to 4 s with gliding times, feedback through a
+// low and a high cut and a soft limiter, cross-feed for ping-pong, ducking of
+// the wet signal by the input, and a dry/wet mix.
+
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+#include <Algorithms/StereoDelay.h>
+#include <QVDEffect.h>
+
+class QVDStereoDelay : public QVDEffect<QVDStereoDelay> {
+    Q_OBJECT
+public:
+    enum Parameter : std::uint32_t { TIME_L = 0, TIME_R, FEEDBACK, CROSSFEED, LOW_CUT, HIGH_CUT, DUCK, MIX };
+    static constexpr QVDPluginDescriptor kDescriptor{.name = "Delay", .fourcc = qvdFourCC("QVDy"), .maxInputs = 2,
+                                                     .maxOutputs = 2, .className = "QVDStereoDelay"};
+    static std::vector<QVDParam> parameterRows();
+    static constexpr double kMaxSeconds = 4.0;
+    // Low cut at its minimum and high cut at its maximum are off.
+    static constexpr float kLowCutOff = 20.0f;
+    static constexpr float kHighCutOff = 20000.0f;
+
+    using QVDEffect::QVDEffect;
+
+    // The soft limiter in the feedback path: linear up to 0.5, never beyond 0.98.
+    static float limit(float x) noexcept;
+
+protected:
+    void parameterChanged(std::uint32_t index, float value) override;
+    void render(const QVDBlock& block) noexcept override;
+    bool prepareProcessing() override;
+    void resetState() noexcept override;
+    void resumeAfterBypass() noexcept override { resetState(); }
+
+private:
+    // One-pole coefficient for a corner in Hz; 0 when the filter is off.
+    double pole(float hz) const noexcept;
+
+    std::atomic<float> m_timeMs[2]{375.0f, 500.0f};
+    std::atomic<float> m_feedback{0.35f};
+    std::atomic<float> m_crossfeed{0.0f};
+    std::atomic<float> m_lowCut{kLowCutOff};
+    std::atomic<float> m_highCut{kHighCutOff};
+    std::atomic<float> m_duckDb{0.0f};
+    std::atomic<float> m_mix{0.35f};
+
+    // Audio thread only.
+    StereoDelay m_delay;
+    bool m_fresh = true;
+    double m_mixState = 0.35;
+    double m_envelope = 0.0;
+    double m_attack = 0.0, m_release = 0.0;
+    // Per channel: the high cut's low-pass state and the low cut's.
+    double m_lowPassed[2]{}, m_lowCutState[2]{};
+};
