@@ -89,7 +89,7 @@ bool QVDLimiter::prepareProcessing()
         return false;
     // Frames the interpolator lags its input, rounded up, plus one for the
     // fraction of a frame each group of four oversampled values spans.
-    m_tpOffset = static_cast<std::int32_t>((m_truePeak->Latency() + 3) / 4) + 1;
+    m_tpOffset = static_cast<std::int32_t>((m_truePeaks.front()->Latency() + 3) / 4) + 1;
     m_look = std::max<std::int32_t>(
         1, static_cast<std::int32_t>(std::lround(m_lookaheadMs.load(std::memory_order_relaxed) * rate / 1000.0)));
     m_delay = m_look + m_tpOffset + kTpMargin;
@@ -111,25 +111,26 @@ bool QVDLimiter::prepareProcessing()
 
 bool QVDLimiter::buildTruePeak()
 {
-    // Built whole first, then swapped in: a refusal leaves the old one running.
-    const auto active = static_cast<std::size_t>(std::max(activeInputs(), 1));
+    // Built whole first, then swapped in: a refusal leaves the old ones running.
+    const std::int32_t active = std::max(activeInputs(), 1);
     const auto frames = static_cast<std::size_t>(std::max(blockSize(), 1));
-    auto truePeak = twa::numeric::CreateTruePeak(active);
-    std::vector<float> interleaved(frames * active, 0.0f);
-    std::vector<float> oversampled(frames * active * 4, 0.0f);
-    m_truePeak = std::move(truePeak);
+    std::vector<std::unique_ptr<twa::numeric::TruePeakImpl>> truePeaks;
+    for (std::int32_t c = 0; c < active; c += 2)
+        truePeaks.push_back(twa::numeric::CreateTruePeak(static_cast<std::size_t>(std::min(2, active - c))));
+    std::vector<float> interleaved(frames * 2, 0.0f);
+    std::vector<float> oversampled(frames * 2 * 4, 0.0f);
+    m_truePeaks.swap(truePeaks);
     m_interleaved.swap(interleaved);
     m_oversampled.swap(oversampled);
+    m_tpChannels = active;
     return true;
 }
 
 bool QVDLimiter::channelCountsChanged()
 {
-    if (m_truePeak && m_truePeak->ChannelCount() == static_cast<std::size_t>(std::max(activeInputs(), 1)))
-        return true;
     // The interpolator's delay does not depend on its channel count, so the
     // latency stands.
-    return buildTruePeak();
+    return m_tpChannels == std::max(activeInputs(), 1) || buildTruePeak();
 }
 
 void QVDLimiter::clearLane(Lane& lane) noexcept
@@ -150,10 +151,11 @@ void QVDLimiter::resetState() noexcept
     m_clock = 0;
     for (Lane& lane : m_lanes)
         clearLane(lane);
-    if (m_truePeak)
-        m_truePeak->Reset();
+    for (auto& truePeak : m_truePeaks)
+        truePeak->Reset();
 }
 
+template <bool Auto>
 void QVDLimiter::runLane(Lane& lane, const float* need, float* gain, std::int32_t frames, float fast, float slow,
                          float densityCoef) noexcept
 {
@@ -161,37 +163,53 @@ void QVDLimiter::runLane(Lane& lane, const float* need, float* gain, std::int32_
     const std::size_t mask = m_ringMask;
     const std::size_t look = lane.box.size();
     const double scale = 1.0 / static_cast<double>(look);
+    std::int64_t* holdIndex = lane.holdIndex.data();
+    float* holdValue = lane.holdValue.data();
+    float* box = lane.box.data();
+    // Running state in locals: through the lane it would round-trip memory every sample.
+    std::size_t head = lane.head, tail = lane.tail, boxPos = lane.boxPos;
+    double boxSum = lane.boxSum;
+    float release = lane.release, density = lane.density;
     for (std::int32_t n = 0; n < frames; ++n) {
         const std::int64_t now = m_clock + n;
         const float v = need[n];
         // The queue keeps rising values, so its front is the window's minimum.
-        while (lane.tail != lane.head && lane.holdValue[(lane.tail - 1) & mask] >= v)
-            --lane.tail;
-        lane.holdIndex[lane.tail & mask] = now;
-        lane.holdValue[lane.tail & mask] = v;
-        ++lane.tail;
-        while (lane.holdIndex[lane.head & mask] < now - hold)
-            ++lane.head;
-        const float held = lane.holdValue[lane.head & mask];
+        while (tail != head && holdValue[(tail - 1) & mask] >= v)
+            --tail;
+        holdIndex[tail & mask] = now;
+        holdValue[tail & mask] = v;
+        ++tail;
+        while (holdIndex[head & mask] < now - hold)
+            ++head;
+        const float held = holdValue[head & mask];
 
         // Release only upwards and never past the held gain, so the average
         // below stays under every gain the window needs.
-        lane.density = densityCoef * lane.density + (held < 1.0f ? 1.0f - densityCoef : 0.0f);
-        const float pole = fast + (slow - fast) * lane.density;
-        lane.release = held < lane.release ? held : held + pole * (lane.release - held);
-
-        lane.boxSum += static_cast<double>(lane.release) - static_cast<double>(lane.box[lane.boxPos]);
-        lane.box[lane.boxPos] = lane.release;
-        if (++lane.boxPos == look) {
-            // Resum once per window so rounding never builds up.
-            lane.boxPos = 0;
-            double sum = 0.0;
-            for (float b : lane.box)
-                sum += b;
-            lane.boxSum = sum;
+        float pole = fast;
+        if constexpr (Auto) {
+            density = densityCoef * density + (held < 1.0f ? 1.0f - densityCoef : 0.0f);
+            pole = fast + (slow - fast) * density;
         }
-        gain[n] = static_cast<float>(lane.boxSum * scale);
+        release = held < release ? held : held + pole * (release - held);
+
+        boxSum += static_cast<double>(release) - static_cast<double>(box[boxPos]);
+        box[boxPos] = release;
+        if (++boxPos == look) {
+            // Resum once per window so rounding never builds up.
+            boxPos = 0;
+            double sum = 0.0;
+            for (std::size_t i = 0; i < look; ++i)
+                sum += box[i];
+            boxSum = sum;
+        }
+        gain[n] = static_cast<float>(boxSum * scale);
     }
+    lane.head = head;
+    lane.tail = tail;
+    lane.boxPos = boxPos;
+    lane.boxSum = boxSum;
+    lane.release = release;
+    lane.density = density;
 }
 
 void QVDLimiter::render(const QVDBlock& block) noexcept
@@ -207,7 +225,8 @@ void QVDLimiter::render(const QVDBlock& block) noexcept
     if (mode != m_lastMode) {
         // The interpolator's history is stale after a spell in the other mode.
         if (mode == kTruePeak)
-            m_truePeak->Reset();
+            for (auto& truePeak : m_truePeaks)
+                truePeak->Reset();
         m_lastMode = mode;
     }
     const std::int32_t lanes = linked ? 1 : channels;
@@ -216,22 +235,26 @@ void QVDLimiter::render(const QVDBlock& block) noexcept
 
     // Detector: the largest magnitude per frame and lane.
     if (mode == kTruePeak) {
-        const std::size_t stride = m_truePeak->ChannelCount();
-        for (std::int32_t c = 0; c < channels; ++c) {
-            const float* in = block.inputs[c];
-            for (std::int32_t n = 0; n < frames; ++n)
-                m_interleaved[static_cast<std::size_t>(n) * stride + static_cast<std::size_t>(c)] =
-                    finiteOrZero(in[n]) * inGain;
-        }
-        m_truePeak->Process(static_cast<std::size_t>(frames), m_interleaved.data(), m_oversampled.data());
-        for (std::int32_t c = 0; c < channels; ++c) {
-            float* need = m_need[static_cast<std::size_t>(linked ? 0 : c)].data();
-            const float* os = m_oversampled.data() + c;
-            for (std::int32_t n = 0; n < frames; ++n) {
-                float a = need[n];
-                for (std::size_t k = 0; k < 4; ++k)
-                    a = std::max(a, std::fabs(os[(static_cast<std::size_t>(n) * 4 + k) * stride]));
-                need[n] = a;
+        for (std::int32_t first = 0; first < channels; first += 2) {
+            auto& truePeak = *m_truePeaks[static_cast<std::size_t>(first / 2)];
+            const std::size_t stride = truePeak.ChannelCount();
+            const std::int32_t count = std::min<std::int32_t>(static_cast<std::int32_t>(stride), channels - first);
+            for (std::int32_t i = 0; i < count; ++i) {
+                const float* in = block.inputs[first + i];
+                for (std::int32_t n = 0; n < frames; ++n)
+                    m_interleaved[static_cast<std::size_t>(n) * stride + static_cast<std::size_t>(i)] =
+                        finiteOrZero(in[n]) * inGain;
+            }
+            truePeak.Process(static_cast<std::size_t>(frames), m_interleaved.data(), m_oversampled.data());
+            for (std::int32_t i = 0; i < count; ++i) {
+                float* need = m_need[static_cast<std::size_t>(linked ? 0 : first + i)].data();
+                const float* os = m_oversampled.data() + i;
+                for (std::int32_t n = 0; n < frames; ++n) {
+                    float a = need[n];
+                    for (std::size_t k = 0; k < 4; ++k)
+                        a = std::max(a, std::fabs(os[(static_cast<std::size_t>(n) * 4 + k) * stride]));
+                    need[n] = a;
+                }
             }
         }
     } else {
@@ -246,7 +269,8 @@ void QVDLimiter::render(const QVDBlock& block) noexcept
     const double rate = sampleRate();
     const float releaseMs = m_releaseMs.load(std::memory_order_relaxed);
     const float fast = poleFor(releaseMs, rate);
-    const float slow = m_autoRelease.load(std::memory_order_relaxed) ? poleFor(releaseMs * kAutoSlowFactor, rate) : fast;
+    const bool autoRelease = m_autoRelease.load(std::memory_order_relaxed);
+    const float slow = poleFor(releaseMs * kAutoSlowFactor, rate);
     const float densityCoef = poleFor(kDensitySeconds * 1000.0, rate);
     float smallest = 1.0f;
     for (std::int32_t l = 0; l < lanes; ++l) {
@@ -254,7 +278,11 @@ void QVDLimiter::render(const QVDBlock& block) noexcept
         for (std::int32_t n = 0; n < frames; ++n)
             need[n] = need[n] > ceiling ? ceiling / need[n] : 1.0f;
         // The lane turns its needed gains into applied gains in place.
-        runLane(m_lanes[static_cast<std::size_t>(l)], need, need, frames, fast, slow, densityCoef);
+        Lane& lane = m_lanes[static_cast<std::size_t>(l)];
+        if (autoRelease)
+            runLane<true>(lane, need, need, frames, fast, slow, densityCoef);
+        else
+            runLane<false>(lane, need, need, frames, fast, slow, densityCoef);
         for (std::int32_t n = 0; n < frames; ++n)
             smallest = std::min(smallest, need[n]);
     }

@@ -56,6 +56,7 @@ private:
 
     bool buildTruePeak();
     void clearLane(Lane& lane) noexcept;
+    template <bool Auto>
     void runLane(Lane& lane, const float* need, float* gain, std::int32_t frames, float fast, float slow,
                  float densityCoef) noexcept;
 
@@ -81,7 +82,9 @@ private:
     std::vector<Lane> m_lanes;
     std::vector<std::vector<float>> m_need; // per lane needed gain, then applied gain
     std::vector<float> m_gain;
-    std::vector<float> m_interleaved;
+    std::vector<float> m_interleaved; // one pair
     std::vector<float> m_oversampled;
-    std::unique_ptr<twa::numeric::TruePeakImpl> m_truePeak;
+    // One interpolator per channel pair: the paired kernels are the fast ones.
+    std::vector<std::unique_ptr<twa::numeric::TruePeakImpl>> m_truePeaks;
+    std::int32_t m_tpChannels = 0;
 };
