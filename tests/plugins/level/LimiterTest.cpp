@@ -181,3 +181,45 @@ TEST(Limiter, PublishesGainReduction)
     ASSERT_EQ(f.instance()->getMeterValues(group, &gainDb, 1), 1);
     EXPECT_NEAR(gainDb, -10.0, 0.1);
 }
+
+TEST(Limiter, TruePeakPerChannelOnAnOddChannelCount)
+{
+    // Three channels: a pair and a single channel in the interpolators.
+    PluginFixture f(kKey);
+    ASSERT_TRUE(f.prepare(kRate, 512, 3));
+    f.set("MODE", 1.0f);
+    f.set("LINK", 0.0f);
+    f.set("CEILING", -3.0f);
+    Signal in = sine(3, 24000, kRate / 4, kRate, 1.0, M_PI / 4);
+    in[1] = noise(1, 24000, 3, 1.0f)[0];
+    for (auto& ch : in)
+        ch.resize(ch.size() + 4800, 0.0f);
+    const Signal out = f.run(in, 7);
+    for (std::size_t c = 0; c < 3; ++c)
+        EXPECT_LE(dB(truePeak(out[c])), -2.9) << c;
+}
+
+TEST(Limiter, AutoReleaseIsSlowerAfterDenseLimiting)
+{
+    // The time the gain takes to come back within 1 dB after the loud part ends.
+    const auto recovery = [](std::size_t loudFrames) {
+        PluginFixture f(kKey);
+        EXPECT_TRUE(f.prepare(kRate, 512, 1));
+        f.set("AUTO_RELEASE", 1.0f);
+        f.set("RELEASE", 20.0f);
+        f.set("CEILING", -12.0f);
+        Signal in = sine(1, loudFrames + 48000, 997.0, kRate, 0.2);
+        for (std::size_t n = 0; n < loudFrames; ++n)
+            in[0][n] *= 5.0f;
+        const Signal out = f.run(in);
+        const auto lat = static_cast<std::size_t>(f.audio()->latency());
+        std::size_t last = 0;
+        for (std::size_t n = loudFrames + lat; n < in[0].size(); ++n)
+            if (std::fabs(in[0][n - lat]) > 0.1f && dB(out[0][n] / in[0][n - lat]) < -1.0)
+                last = n - loudFrames - lat;
+        return 1000.0 * static_cast<double>(last) / kRate;
+    };
+    const double afterBurst = recovery(480), afterDense = recovery(96000);
+    EXPECT_LT(afterBurst, 150.0);
+    EXPECT_GT(afterDense, 2.0 * afterBurst);
+}
