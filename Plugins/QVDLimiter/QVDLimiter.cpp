@@ -135,12 +135,9 @@ bool QVDLimiter::channelCountsChanged()
 
 void QVDLimiter::clearLane(Lane& lane) noexcept
 {
-    lane.head = lane.tail = 0;
     std::fill(lane.box.begin(), lane.box.end(), 1.0f);
-    lane.boxPos = 0;
-    lane.boxSum = static_cast<double>(lane.box.size());
-    lane.release = 1.0f;
-    lane.density = 0.0f;
+    lane.run = Lane::Running{};
+    lane.run.boxSum = static_cast<double>(lane.box.size());
 }
 
 void QVDLimiter::resetState() noexcept
@@ -167,9 +164,7 @@ void QVDLimiter::runLane(Lane& lane, const float* need, float* gain, std::int32_
     float* holdValue = lane.holdValue.data();
     float* box = lane.box.data();
     // Running state in locals: through the lane it would round-trip memory every sample.
-    std::size_t head = lane.head, tail = lane.tail, boxPos = lane.boxPos;
-    double boxSum = lane.boxSum;
-    float release = lane.release, density = lane.density;
+    auto [head, tail, boxPos, boxSum, release, density] = lane.run;
     for (std::int32_t n = 0; n < frames; ++n) {
         const std::int64_t now = m_clock + n;
         const float v = need[n];
@@ -204,12 +199,7 @@ void QVDLimiter::runLane(Lane& lane, const float* need, float* gain, std::int32_
         }
         gain[n] = static_cast<float>(boxSum * scale);
     }
-    lane.head = head;
-    lane.tail = tail;
-    lane.boxPos = boxPos;
-    lane.boxSum = boxSum;
-    lane.release = release;
-    lane.density = density;
+    lane.run = {head, tail, boxPos, boxSum, release, density};
 }
 
 void QVDLimiter::render(const QVDBlock& block) noexcept

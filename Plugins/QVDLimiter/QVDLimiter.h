@@ -46,12 +46,14 @@ private:
     struct Lane {
         std::vector<std::int64_t> holdIndex; // monotonic queue of the window's minimum
         std::vector<float> holdValue;
-        std::size_t head = 0, tail = 0;
         std::vector<float> box; // released gains of the last `look` samples
-        std::size_t boxPos = 0;
-        double boxSum = 0.0;
-        float release = 1.0f; // released gain
-        float density = 0.0f; // share of recent time spent limiting, for auto release
+        struct Running {
+            std::size_t head = 0, tail = 0; // of the queue
+            std::size_t boxPos = 0;
+            double boxSum = 0.0;
+            float release = 1.0f; // released gain
+            float density = 0.0f; // share of recent time spent limiting, for auto release
+        } run;
     };
 
     bool buildTruePeak();
