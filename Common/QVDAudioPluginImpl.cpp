@@ -300,6 +300,8 @@ bool QVDAudioPluginImpl::prepare(float sampleRate, std::int32_t maxBlockSize, co
         // No notification: prepareProcessing sizes for the new counts anyway.
         if (!applyChannelCounts(qvd::channelCountOf(in), qvd::channelCountOf(out), false))
             return false;
+        m_inputFormat.store(in, std::memory_order_relaxed);
+        m_outputFormat.store(out, std::memory_order_relaxed);
         if (config->smoothing >= 0)
             SmoothingCoefficient::enableAll(config->smoothing != 0);
     }
@@ -369,7 +371,14 @@ bool QVDAudioPluginImpl::process(const qvd::BlockRecord* block, const float* con
 
 bool QVDAudioPluginImpl::setChannelFormats(std::int32_t inputFormat, std::int32_t outputFormat)
 {
-    return applyChannelCounts(qvd::channelCountOf(inputFormat), qvd::channelCountOf(outputFormat), true);
+    // Stored first so channelCountsChanged() sees the new layout, restored on refusal.
+    const std::int32_t oldIn = m_inputFormat.exchange(inputFormat, std::memory_order_relaxed);
+    const std::int32_t oldOut = m_outputFormat.exchange(outputFormat, std::memory_order_relaxed);
+    if (applyChannelCounts(qvd::channelCountOf(inputFormat), qvd::channelCountOf(outputFormat), true))
+        return true;
+    m_inputFormat.store(oldIn, std::memory_order_relaxed);
+    m_outputFormat.store(oldOut, std::memory_order_relaxed);
+    return false;
 }
 
 bool QVDAudioPluginImpl::applyChannelCounts(std::int32_t in, std::int32_t out, bool notify)

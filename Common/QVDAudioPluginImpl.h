@@ -235,6 +235,10 @@ protected:
 
     // Active channel counts as the audio thread reads them.
     std::int32_t activeInputs() const { return m_inputCount; }
+    // [any-thread] Format codes last given to setChannelFormats() or prepare()
+    // (qvd::ChannelFormat); the counts alone cannot say which channel is which.
+    std::int32_t inputFormat() const { return m_inputFormat.load(std::memory_order_relaxed); }
+    std::int32_t outputFormat() const { return m_outputFormat.load(std::memory_order_relaxed); }
     std::int32_t activeOutputs() const { return m_outputCount; }
     bool bypassed() const { return m_bypass.load(std::memory_order_relaxed); }
 
@@ -276,6 +280,8 @@ private:
     std::atomic<std::int32_t> m_sampleRate{0};
     std::atomic<std::int32_t> m_blockSize{0};
     std::int32_t m_inputCount = 0;
+    std::atomic<std::int32_t> m_inputFormat{qvd::kFormatNone};
+    std::atomic<std::int32_t> m_outputFormat{qvd::kFormatNone};
     std::int32_t m_outputCount = 0;
     std::atomic<std::uint64_t> m_latency{0};
     std::atomic<bool> m_bypass{false};

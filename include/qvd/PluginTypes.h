@@ -98,6 +98,76 @@ constexpr std::int32_t channelCountOf(std::int32_t format)
     return -1;
 }
 
+// What a channel of a named layout carries. Named layouts list their
+// channels in this order:
+//   mono   M
+//   stereo L R
+//   LCR    L R C
+//   quad   L R Ls Rs
+//   5.0    L R C Ls Rs
+//   5.1    L R C LFE Ls Rs
+//   6.1    L R C LFE Ls Rs Cs
+//   7.1    L R C LFE Ls Rs Lb Rb
+//   7.1.4  L R C LFE Ls Rs Lb Rb Tfl Tfr Tbl Tbr
+// Discrete and ambisonic channels have no role (kRoleNone).
+enum ChannelRole : std::int32_t {
+    kRoleNone = -1,
+    kRoleMono,
+    kRoleLeft,
+    kRoleRight,
+    kRoleCentre,
+    kRoleLFE,
+    kRoleLeftSurround,
+    kRoleRightSurround,
+    kRoleCentreSurround,
+    kRoleLeftBack,
+    kRoleRightBack,
+    kRoleTopFrontLeft,
+    kRoleTopFrontRight,
+    kRoleTopBackLeft,
+    kRoleTopBackRight,
+};
+
+// Role of channel `index` of `format`; kRoleNone past the layout or for
+// layouts without roles.
+constexpr ChannelRole channelRole(std::int32_t format, std::int32_t index)
+{
+    constexpr ChannelRole L = kRoleLeft, R = kRoleRight, C = kRoleCentre, LFE = kRoleLFE, Ls = kRoleLeftSurround,
+                          Rs = kRoleRightSurround;
+    constexpr ChannelRole mono[] = {kRoleMono};
+    constexpr ChannelRole stereo[] = {L, R};
+    constexpr ChannelRole lcr[] = {L, R, C};
+    constexpr ChannelRole quad[] = {L, R, Ls, Rs};
+    constexpr ChannelRole f50[] = {L, R, C, Ls, Rs};
+    constexpr ChannelRole f51[] = {L, R, C, LFE, Ls, Rs};
+    constexpr ChannelRole f61[] = {L, R, C, LFE, Ls, Rs, kRoleCentreSurround};
+    constexpr ChannelRole f714[] = {L,  R,  C,  LFE, Ls, Rs, kRoleLeftBack, kRoleRightBack, kRoleTopFrontLeft,
+                                    kRoleTopFrontRight, kRoleTopBackLeft, kRoleTopBackRight};
+    const ChannelRole* roles = nullptr;
+    switch (format) {
+    case kFormatMono: roles = mono; break;
+    case kFormatStereo: roles = stereo; break;
+    case kFormatLCR: roles = lcr; break;
+    case kFormatQuad: roles = quad; break;
+    case kFormat50: roles = f50; break;
+    case kFormat51: roles = f51; break;
+    case kFormat61: roles = f61; break;
+    case kFormat71: // 7.1 is 7.1.4 without the heights
+    case kFormat714: roles = f714; break;
+    default: return kRoleNone;
+    }
+    return index >= 0 && index < channelCountOf(format) ? roles[index] : kRoleNone;
+}
+
+// Index of the first channel of `format` with `role`, or -1.
+constexpr std::int32_t channelWithRole(std::int32_t format, ChannelRole role)
+{
+    for (std::int32_t i = 0; i < channelCountOf(format); ++i)
+        if (channelRole(format, i) == role)
+            return i;
+    return -1;
+}
+
 // The smallest format code that carries `channels` channels: named layouts
 // for 0 to 8, discrete above.
 constexpr std::int32_t formatForChannels(std::int32_t channels)
