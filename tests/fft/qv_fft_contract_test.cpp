@@ -1,25 +1,26 @@
+#include "AssertCatcher.h"
 #include "FFT/qv_fft.h"
 #if defined(QVD_HAVE_FFTW)
 #include "FFT/qv_fft_imp_fftw.h"
 #endif
 #include "qv_fft_test_support.h"
-#include "twa_test_support.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
+#include <ranges>
 
 namespace twa::fft {
 namespace {
 
-using test::AssertCatcher;
+using qvd::test::AssertCatcher;
 
 class FftContracts : public support::EstimatePlans {
 protected:
     void SetUp() override
     {
-        TWA_SKIP_WITHOUT_ASSERTS();
+        QVD_SKIP_WITHOUT_ASSERTS();
         support::EstimatePlans::SetUp();
     }
 };
@@ -64,14 +65,9 @@ TEST_F(FftContracts, ShortBuffersAreReportedAndZeroFilled)
     spectrum_vector spectrum(f.nfreq());
     sample_vector out(64);
     const std::span<float> out47(out.data(), 47);
-    auto zero = [](std::span<const complex_t> s) {
-        return std::all_of(s.begin(), s.end(), [](complex_t v) { return v == complex_t{}; });
-    };
+    auto zero = [](std::span<const complex_t> s) { return std::ranges::all_of(s, [](complex_t v) { return v == complex_t{}; }); };
     auto spectrumZero = [&] { return zero(spectrum); };
-    auto outIs = [&](float v, std::size_t n) {
-        return std::all_of(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(n),
-                           [v](float o) { return o == v; });
-    };
+    auto outIs = [&](float v, std::size_t n) { return std::ranges::all_of(out | std::views::take(n), [v](float o) { return o == v; }); };
     struct Case {
         const char* text;
         std::function<void()> call;
@@ -85,8 +81,7 @@ TEST_F(FftContracts, ShortBuffersAreReportedAndZeroFilled)
          [&] { f.forward_raw(std::span<const float>(full).first(63), spectrum); }, spectrumZero},
         {"wlength() == p_OutSamples.size()", [&] { f.inverse(out47); },
          [&] { return outIs(0.0f, 47) && out[47] == 7.0f; }},
-        {"this->wlength() <= p_OutSamples.size()", [&] { f.inverse_add(out47); },
-         [&] { return outIs(7.0f, 64); }},
+        {"this->wlength() <= p_OutSamples.size()", [&] { f.inverse_add(out47); }, [&] { return outIs(7.0f, 64); }},
         {"this->size() <= p_OutSamples.size()", [&] { f.inverse_raw(spectrum, std::span<float>(out).first(63)); },
          [&] { return outIs(0.0f, 63) && out[63] == 7.0f; }},
     };

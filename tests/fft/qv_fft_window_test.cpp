@@ -1,55 +1,47 @@
+#include "AssertCatcher.h"
 #include "FFT/qv_fft_window.h"
-#include "twa_test_support.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <numbers>
 
 namespace twa::fft {
 namespace {
 
-constexpr double kPi = std::numbers::pi;
-
-// Periodic windows: w[n] == w[N - n], and the peak sits at N / 2.
-void expectPeriodicSymmetry(const sample_vector& w, double tol)
+bool all(const sample_vector& w, float v)
 {
-    const std::size_t N = w.size();
-    for (std::size_t i = 1; i < N; ++i)
-        ASSERT_NEAR(w[i], w[N - i], tol) << i;
+    return std::all_of(w.begin(), w.end(), [v](float x) { return x == v; });
 }
 
+// Periodic cosine sums: w[n] == w[N - n], 1 at N / 2; the start is the sum of
+// the signed coefficients and the mean (the coherent gain) is a0.
 TEST(FftWindows, CosineSumsHaveTheirEndAndCentreValuesAndMeans)
 {
     const std::size_t N = 1024;
-    struct Case {
+    const struct {
         std::int32_t type;
         double start, mean;
-    };
-    // w[0] is the sum of the signed coefficients, the mean is a0, w[N/2] is 1.
-    const Case cases[] = {{kWindowHamming, 0.53836 - 0.46164, 0.53836},
-                          {kWindowHann, 0.0, 0.5},
-                          {kWindowBlackman, 0.42 - 0.5 + 0.08, 0.42},
-                          {kWindowBlackmanHarris, 0.35875 - 0.48829 + 0.14128 - 0.01168, 0.35875}};
-    for (const Case& c : cases) {
+    } cases[] = {{kWindowHamming, 0.53836 - 0.46164, 0.53836},
+                 {kWindowHann, 0.0, 0.5},
+                 {kWindowBlackman, 0.42 - 0.5 + 0.08, 0.42},
+                 {kWindowBlackmanHarris, 0.35875 - 0.48829 + 0.14128 - 0.01168, 0.35875}};
+    for (const auto& c : cases) {
         const sample_vector w = MakeWindow(N, c.type);
         ASSERT_EQ(w.size(), N);
         EXPECT_NEAR(w[0], c.start, 1e-7) << c.type;
         EXPECT_NEAR(w[N / 2], 1.0, 1e-7) << c.type;
         EXPECT_NEAR(WindowMean(w), c.mean, 1e-6) << c.type;
-        expectPeriodicSymmetry(w, 1e-7);
+        for (std::size_t i = 1; i < N; ++i)
+            ASSERT_NEAR(w[i], w[N - i], 1e-7) << c.type << " " << i;
     }
-    // Hamming a quarter in: the cosine term vanishes.
-    EXPECT_NEAR(MakeWindow(N, kWindowHamming)[N / 4], 0.53836, 1e-7);
 }
 
 TEST(FftWindows, SquareRootWindowsSquareToTheirParents)
 {
     for (const std::size_t N : {64u, 1000u}) {
         const sample_vector hann = MakeWindow(N, kWindowHann), root = MakeWindow(N, kWindowSqrtHann);
-        const sample_vector taper = MakeWindow(N, kWindowTapered);
-        const sample_vector rootTaper = MakeWindow(N, kWindowSqrtTapered);
+        const sample_vector taper = MakeWindow(N, kWindowTapered), rootTaper = MakeWindow(N, kWindowSqrtTapered);
         for (std::size_t i = 0; i < N; ++i) {
             ASSERT_GE(root[i], 0.0f);
             ASSERT_NEAR(root[i] * root[i], hann[i], 1e-6) << i;
@@ -62,56 +54,44 @@ TEST(FftWindows, SquareRootWindowsSquareToTheirParents)
 
 TEST(FftWindows, TaperedRisesAndFallsOverATenthAtEachEnd)
 {
-    const std::size_t N = 105; // taper of 105 / 10 = 10 samples
+    const std::size_t N = 105; // a taper of 10 samples, half a Hann of 20
     const sample_vector w = MakeWindow(N, kWindowTapered);
     EXPECT_EQ(w[0], 0.0f);
     EXPECT_NEAR(w[5], 0.5, 1e-7);
     for (std::size_t i = 1; i < 10; ++i)
-        EXPECT_NEAR(w[i], 0.5 - 0.5 * std::cos(2 * kPi * i / 20.0), 1e-7) << i;
+        EXPECT_GT(w[i], w[i - 1]) << i;
     for (std::size_t i = 10; i < N - 10; ++i)
         ASSERT_EQ(w[i], 1.0f) << i;
-    // Falling half of the Hann of length 20: 1 at its centre, down towards 0.
     EXPECT_NEAR(w[N - 10], 1.0, 1e-7);
     EXPECT_NEAR(w[N - 5], 0.5, 1e-7);
-    EXPECT_NEAR(w[N - 1], 0.5 - 0.5 * std::cos(2 * kPi * 19 / 20.0), 1e-7);
-    // Under ten samples there is no taper.
-    const sample_vector shortW = MakeWindow(9, kWindowTapered);
-    EXPECT_TRUE(std::all_of(shortW.begin(), shortW.end(), [](float v) { return v == 1.0f; }));
+    EXPECT_NEAR(w[N - 1], w[1], 1e-7);
+    EXPECT_TRUE(all(MakeWindow(9, kWindowTapered), 1.0f)) << "no taper under ten samples";
 }
 
-TEST(FftWindows, ExponentialRisesFromAboutMinus60Db)
+TEST(FftWindows, ExponentialRisesFromMinus60DbAndRisingPeakPeaksAtOne)
 {
-    const std::size_t N = 2048;
-    const sample_vector w = MakeWindow(N, kWindowExponential);
-    // The "+ 1" puts w[0] one step below -60 dB and w[N - 1] two steps below 1.
-    EXPECT_NEAR(w[0], std::exp(-6.9077554 * (N + 1.0) / N), 1e-9);
-    EXPECT_NEAR(20.0 * std::log10(w[0]), -60.0, 0.05);
-    EXPECT_NEAR(w[N - 1], std::exp(-6.9077554 * 2.0 / N), 1e-7);
-    for (std::size_t i = 1; i < N; ++i)
-        ASSERT_GT(w[i], w[i - 1]) << i;
-}
-
-TEST(FftWindows, RisingPeakReachesOneWhereMIsNOver15point918666)
-{
-    // N / 15.918666 is 100.0008 here, so the peak is at m = 100.
+    const sample_vector e = MakeWindow(2048, kWindowExponential);
+    EXPECT_NEAR(20.0 * std::log10(e[0]), -60.0, 0.05);
+    EXPECT_NEAR(e[2047], 1.0, 0.01);
+    for (std::size_t i = 1; i < e.size(); ++i)
+        ASSERT_GT(e[i], e[i - 1]) << i;
+    // The peak sits N / 15.918666 from the end: 100.0008 here.
     const std::size_t N = 1592;
     const sample_vector w = MakeWindow(N, kWindowRisingPeak);
     const auto peak = std::max_element(w.begin(), w.end());
     EXPECT_EQ(N - static_cast<std::size_t>(peak - w.begin()), 100u);
     EXPECT_NEAR(*peak, 1.0, 1e-6);
-    // At n = 0 (m = N) the curve is x e^(1 - x) with x = 15.918666.
-    EXPECT_NEAR(w[0], 15.918666 * std::exp(1.0 - 15.918666), 1e-9);
 }
 
 TEST(FftWindows, RectangularUnknownAndEmpty)
 {
     const sample_vector ones = MakeWindow(100, kWindowRectangular);
-    EXPECT_TRUE(std::all_of(ones.begin(), ones.end(), [](float v) { return v == 1.0f; }));
+    EXPECT_TRUE(all(ones, 1.0f));
     EXPECT_EQ(WindowMean(ones), 1.0f);
     for (const std::int32_t type : {10, 11, 1000, -1}) {
         const sample_vector zero = MakeWindow(64, type);
         ASSERT_EQ(zero.size(), 64u);
-        EXPECT_TRUE(std::all_of(zero.begin(), zero.end(), [](float v) { return v == 0.0f; })) << type;
+        EXPECT_TRUE(all(zero, 0.0f)) << type;
         EXPECT_EQ(WindowOverlapAddFactor(zero, 16), 1.0f) << "sum below 1e-7 answers 1";
     }
     for (std::int32_t type = 0; type <= 10; ++type)
@@ -137,11 +117,11 @@ TEST(FftWindows, OverlapAddFactors)
 
 TEST(FftWindows, ZeroStrideAsserts)
 {
-    TWA_SKIP_WITHOUT_ASSERTS();
-    test::AssertCatcher catcher;
+    QVD_SKIP_WITHOUT_ASSERTS();
+    qvd::test::AssertCatcher catcher;
     EXPECT_EQ(WindowOverlapAddFactor(MakeWindow(16, kWindowHann), 0), 1.0f);
     EXPECT_EQ(catcher.count(), 1u);
-    EXPECT_EQ(test::AssertCatcher::last(), "stride>0");
+    EXPECT_EQ(qvd::test::AssertCatcher::last(), "stride>0");
 }
 
 } // namespace

@@ -1,8 +1,8 @@
+#include "AssertCatcher.h"
 #include "System/twa_aligned_allocator.h"
 #include "System/twa_buffer.h"
 #include "System/twa_syncpool.h"
 #include "System/twa_tools.h"
-#include "twa_test_support.h"
 
 #include <boost/container/pmr/vector.hpp>
 #include <gtest/gtest.h>
@@ -17,20 +17,18 @@
 namespace twa {
 namespace {
 
-using test::AssertCatcher;
+using qvd::test::AssertCatcher;
 
 bool aligned(const void* p, std::size_t a)
 {
     return (reinterpret_cast<std::uintptr_t>(p) % a) == 0;
 }
 
-TEST(AlignedAllocator, EveryBlockStartsOnTheBoundary)
+TEST(AlignedAllocator, EveryBlockStartsOnTheBoundaryAndOverflowIsRefused)
 {
     for (std::size_t n = 1; n < 70; ++n) {
-        sample_vector v(n);
-        EXPECT_TRUE(aligned(v.data(), 32)) << n;
-        std::vector<double, memory::aligned_allocator<double, 64>> w(n);
-        EXPECT_TRUE(aligned(w.data(), 64)) << n;
+        EXPECT_TRUE(aligned(sample_vector(n).data(), 32)) << n;
+        EXPECT_TRUE(aligned(std::vector<double, memory::aligned_allocator<double, 64>>(n).data(), 64)) << n;
     }
     sample_vector grow;
     for (int i = 0; i < 1000; ++i) {
@@ -38,17 +36,8 @@ TEST(AlignedAllocator, EveryBlockStartsOnTheBoundary)
         ASSERT_TRUE(aligned(grow.data(), 32));
     }
     EXPECT_EQ(grow[999], 999.0f);
-}
-
-TEST(AlignedAllocator, OverflowIsRefusedWithItsMessage)
-{
     memory::aligned_allocator<float, 32> a;
-    try {
-        (void)a.allocate(std::numeric_limits<std::size_t>::max() / 2);
-        FAIL() << "no exception";
-    } catch (const std::length_error& e) {
-        EXPECT_STREQ(e.what(), "aligned_allocator<T>::allocate() - Integer overflow.");
-    }
+    EXPECT_THROW((void)a.allocate(std::numeric_limits<std::size_t>::max() / 2), std::length_error);
 }
 
 buffer ramp(std::size_t channels, std::size_t length)
@@ -136,7 +125,7 @@ TEST(Buffer, CopyAndInterleaveRoundTrip)
 
 TEST(Buffer, ContractChecksReportTheirConditions)
 {
-    TWA_SKIP_WITHOUT_ASSERTS();
+    QVD_SKIP_WITHOUT_ASSERTS();
     AssertCatcher catcher;
     buffer stereo = ramp(2, 4);
     (void)stereo.GetMono();
@@ -217,39 +206,30 @@ TEST(Tools, StridedCopiesPickEveryStrideThSample)
     }
 }
 
-TEST(SyncPool, EqualOnlyToItself)
+TEST(SyncPool, EqualOnlyToItselfAndServesManyThreadsAtOnce)
 {
-    memory::SyncPool a;
-    memory::SyncPool b;
-    EXPECT_TRUE(a.is_equal(a));
-    EXPECT_FALSE(a.is_equal(b));
-    EXPECT_FALSE(a.is_equal(*boost::container::pmr::new_delete_resource()));
-}
-
-TEST(SyncPool, ServesManyThreadsAtOnce)
-{
-    memory::SyncPool pool;
-    constexpr int kThreads = 4;
+    memory::SyncPool pool, other;
+    EXPECT_TRUE(pool.is_equal(pool));
+    EXPECT_FALSE(pool.is_equal(other));
+    EXPECT_FALSE(pool.is_equal(*boost::container::pmr::new_delete_resource()));
+    std::vector<int> failures(4, 0);
     std::vector<std::thread> threads;
-    std::vector<int> failures(kThreads, 0);
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&pool, &failures, t] {
+    for (std::uint32_t t = 0; t < failures.size(); ++t)
+        threads.emplace_back([&pool, &failed = failures[t], t] {
             for (int round = 0; round < 200; ++round) {
                 boost::container::pmr::vector<std::uint32_t> v(&pool);
                 for (std::uint32_t i = 0; i < 100; ++i)
-                    v.push_back(static_cast<std::uint32_t>(t) * 100000u + i);
+                    v.push_back(t * 100000u + i);
                 for (std::uint32_t i = 0; i < 100; ++i)
-                    if (v[i] != static_cast<std::uint32_t>(t) * 100000u + i)
-                        ++failures[static_cast<std::size_t>(t)];
+                    failed += v[i] != t * 100000u + i;
                 void* p = pool.allocate(256, 32);
-                if (!aligned(p, 32))
-                    ++failures[static_cast<std::size_t>(t)];
+                failed += !aligned(p, 32);
                 pool.deallocate(p, 256, 32);
             }
         });
     for (auto& th : threads)
         th.join();
-    for (int f : failures)
+    for (const int f : failures)
         EXPECT_EQ(f, 0);
     pool.release();
 }
