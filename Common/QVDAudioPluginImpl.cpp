@@ -32,6 +32,7 @@ QVDAudioPluginImpl::QVDAudioPluginImpl(const QVDPluginDescriptor* descriptor, vo
       m_descriptor(descriptor),
       m_hostContext(hostContext),
       m_hostServices(services),
+      m_hostExtensions(QVDPluginInterfaceImpl::instance().hostExtensions()),
       m_instanceId(g_nextInstanceId.fetch_add(1, std::memory_order_relaxed)),
       m_lastSequence(kNoSequence)
 {
@@ -236,6 +237,34 @@ std::int32_t QVDAudioPluginImpl::parameterText(std::int32_t index, float value, 
         text[n] = '\0';
     }
     return static_cast<std::int32_t>(utf8.size());
+}
+
+bool QVDAudioPluginImpl::hostTempo(const qvd::BlockRecord* record, double& beatsPerMinute, std::int32_t& numerator,
+                                   std::int32_t& denominator) const noexcept
+{
+    if (!m_hostExtensions)
+        return false;
+    double bpm = 0.0;
+    std::int32_t num = 4, den = 4;
+    const std::int64_t position = record ? record->position : -1;
+    if (!m_hostExtensions->tempoAt(position, &bpm, &num, &den) || !(bpm > 0.0) || !std::isfinite(bpm) || num < 1 ||
+        den < 1)
+        return false;
+    beatsPerMinute = bpm;
+    numerator = num;
+    denominator = den;
+    return true;
+}
+
+bool QVDAudioPluginImpl::fetchHostAudio(const char* source, const qvd::BlockRecord* record, float* const* channels,
+                                        std::int32_t channelCount, std::int32_t frames) const noexcept
+{
+    const std::int64_t position = record ? record->position : -1;
+    if (m_hostExtensions && m_hostExtensions->fetchAudio(m_instanceId, source, position, channels, channelCount, frames))
+        return true;
+    for (std::int32_t c = 0; c < channelCount; ++c)
+        std::memset(channels[c], 0, static_cast<std::size_t>(frames) * sizeof(float));
+    return false;
 }
 
 std::int32_t QVDAudioPluginImpl::addReadout(const QString& name, const QString& unit, std::int32_t size)

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include <qvd/AudioPlugin.h>
+#include <qvd/HostExtensions.h>
 #include <qvd/HostServices.h>
 #include <qvd/PluginInstance.h>
 
@@ -138,6 +139,8 @@ public:
     const QVDPluginDescriptor* pluginDescriptor() const { return m_descriptor; }
     void* hostContext() const { return m_hostContext; }
     qvd::HostServices* hostServices() const { return m_hostServices; }
+    // The host's extensions captured at creation; null when it offers none.
+    qvd::HostExtensions* hostExtensions() const { return m_hostExtensions; }
     // Values asked of the host services at creation (1.0 and 0 without a host).
     double editorScale() const { return m_editorScale; }
     std::int32_t debugLogLevel() const { return m_debugLogLevel; }
@@ -205,6 +208,14 @@ protected:
     // outputs silenced.
     void runEffectBlock(const qvd::BlockRecord* record, const float* const* inputs, float* const* outputs,
                         std::int32_t frames) noexcept;
+    // [audio-thread] The host's tempo at the block's position; false (and
+    // nothing written) when the host offers none.
+    bool hostTempo(const qvd::BlockRecord* record, double& beatsPerMinute, std::int32_t& numerator,
+                   std::int32_t& denominator) const noexcept;
+    // [audio-thread] The named source's frames for this block into `channels`;
+    // false, with the buffers zeroed, when the host cannot supply it.
+    bool fetchHostAudio(const char* source, const qvd::BlockRecord* record, float* const* channels,
+                        std::int32_t channelCount, std::int32_t frames) const noexcept;
     // [construction] A named readout of `size` values (an array when more
     // than one); returns its index.
     std::int32_t addReadout(const QString& name, const QString& unit, std::int32_t size = 1);
@@ -272,6 +283,7 @@ private:
     const QVDPluginDescriptor* m_descriptor;
     void* m_hostContext;
     qvd::HostServices* m_hostServices;
+    qvd::HostExtensions* m_hostExtensions;
     double m_editorScale = 1.0;
     std::int32_t m_debugLogLevel = 0;
     std::uint64_t m_instanceId;

@@ -184,3 +184,8 @@ bool QVDPluginInterfaceImpl::forceInstructionSet(const char* level)
     }
     return false;
 }
+
+void QVDPluginInterfaceImpl::setHostExtensions(qvd::HostExtensions* extensions)
+{
+    m_hostExtensions.store(extensions, std::memory_order_relaxed);
+}

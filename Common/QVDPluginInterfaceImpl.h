@@ -55,6 +55,8 @@ public:
     std::map<std::string, std::string> listMacroEffects() const override;
     std::map<std::string, std::string> systemInfo() const override;
     bool forceInstructionSet(const char* level) override;
+    void setHostExtensions(qvd::HostExtensions* extensions) override;
+    qvd::HostExtensions* hostExtensions() const { return m_hostExtensions.load(std::memory_order_relaxed); }
 
     void* hostContext() const { return m_hostContext.load(std::memory_order_relaxed); }
     qvd::HostServices* hostServices() const { return m_hostServices.load(std::memory_order_relaxed); }
@@ -66,6 +68,7 @@ private:
     // careless host's concurrent calls free of data races.
     std::atomic<void*> m_hostContext{nullptr};
     std::atomic<qvd::HostServices*> m_hostServices{nullptr};
+    std::atomic<qvd::HostExtensions*> m_hostExtensions{nullptr};
 };
 
 // Directory of the compiled-in macro-effect definitions.

@@ -11,6 +11,7 @@
 #include <map>
 #include <string>
 
+#include "HostExtensions.h"
 #include "HostServices.h"
 #include "PluginInstance.h"
 #include "PluginTypes.h"
@@ -54,6 +55,9 @@ public:
     // False, with no change, for another text. The environment variable
     // QVD_ISA, read when the library starts, does the same.
     virtual bool forceInstructionSet(const char* level) = 0;
+    // [control-thread] Stored and handed to every later audio instance, like
+    // the host services; null (the default) offers no extensions.
+    virtual void setHostExtensions(HostExtensions* extensions) = 0;
 
 protected:
     ~PluginInterface() = default;

@@ -36,6 +36,7 @@ public:
     std::map<std::string, std::string> listMacroEffects() const override { return m_real->listMacroEffects(); }
     std::map<std::string, std::string> systemInfo() const override { return m_real->systemInfo(); }
     bool forceInstructionSet(const char* level) override { return m_real->forceInstructionSet(level); }
+    void setHostExtensions(qvd::HostExtensions* e) override { m_real->setHostExtensions(e); }
 
 private:
     qvd::PluginInterface* m_real;
