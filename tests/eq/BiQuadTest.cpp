@@ -190,11 +190,8 @@ TEST(BiQuadProcess, InPlaceOutOfPlaceAdvanceOnlyAndAnySplitAgree)
 TEST(BiQuadProcess, BandsOffOrShapesOutOfRangePassEveryBitThrough)
 {
     std::vector<float> input = noise(256, 4);
-    input[3] = -0.0f;
-    input[4] = std::numeric_limits<float>::denorm_min();
-    input[5] = kNaN;
-    input[6] = kInf;
-    input[7] = -1e38f;
+    const float odd[] = {-0.0f, std::numeric_limits<float>::denorm_min(), kNaN, kInf, -1e38f};
+    std::copy(std::begin(odd), std::end(odd), input.begin() + 3);
     for (const float shape : {6.0f, 7.0f, -1.0f, 100.0f}) {
         BiQuad q;
         q.initialise(48000.0f, 1);
@@ -290,42 +287,11 @@ TEST(BiQuadState, InitialiseTruncatesTheRateAndRestoresDefaults)
     EXPECT_TRUE(q.designed().isNeutral());
 }
 
-TEST(BiQuadState, NonFiniteInputDoesNotPoisonTheFilter)
+// Hostile values and input reach the block through the equaliser, which the
+// conformance harness feeds every value and NaN bursts; here, the designs
+// that have no filter.
+TEST(BiQuadState, NyquistOrZeroQGiveUnityInsteadOfRinging)
 {
-    BiQuad q;
-    q.initialise(48000.0f, 1);
-    configure(q, 4.0f, 18.0f, 40.0f, 15.0f); // long ringing
-    for (const float bad : {kNaN, kInf, 3e38f}) {
-        std::vector<float> burst(64, 0.5f);
-        burst[10] = bad;
-        burst[11] = -bad;
-        runMono(q, burst);
-        // NaN and infinity are gone at the next block; a finite but huge
-        // input rings down within one second.
-        for (int block = 0; block < 100; ++block) {
-            const auto out = runMono(q, noise(480, 10 + static_cast<unsigned>(block), 0.5f));
-            if (!std::isfinite(bad) || block == 99) {
-                for (const float v : out)
-                    ASSERT_TRUE(std::isfinite(v)) << bad << " block " << block;
-            }
-        }
-    }
-}
-
-TEST(BiQuadState, SettersTakeAnyFloatWithoutLeavingAnUnstableSet)
-{
-    for (std::uint32_t index = 0; index < 5; ++index) {
-        for (const float v : {kNaN, kInf, -kInf, 1e38f, -1e38f, -0.0f, 0.0f, std::numeric_limits<float>::denorm_min()}) {
-            BiQuad q;
-            q.initialise(48000.0f, 1);
-            configure(q, 4.0f, 6.0f, 1000.0f, 1.5f);
-            EXPECT_TRUE(q.setParameter(index, v));
-            EXPECT_TRUE(q.designed().isNeutral() || q.designed().isStable()) << index << " " << v;
-            for (const float y : runMono(q, noise(256, 11)))
-                ASSERT_TRUE(std::isfinite(y)) << index << " " << v;
-        }
-    }
-    // A frequency at or past Nyquist or a Q of zero have no filter: unity instead of ringing.
     BiQuad q;
     q.initialise(48000.0f, 1);
     configure(q, 0.0f, 0.0f, 24000.0f, 0.7f);
@@ -336,6 +302,10 @@ TEST(BiQuadState, SettersTakeAnyFloatWithoutLeavingAnUnstableSet)
     EXPECT_FALSE(q.designed().isNeutral());
     q.setParameter(BiQuad::Q, 0.0f);
     EXPECT_TRUE(q.designed().isNeutral());
+    for (const float v : {kNaN, kInf, -kInf, -1e38f}) {
+        q.setParameter(BiQuad::Q, v);
+        EXPECT_TRUE(q.designed().isNeutral() || q.designed().isStable()) << v;
+    }
 }
 
 // The audio thread only ever sees whole sets, however often the control
