@@ -82,6 +82,17 @@ inline double gainDb(const std::vector<float>& in, const std::vector<float>& out
     return ampToDb(std::fabs(static_cast<double>(out[i]) / in[i]));
 }
 
+// Samples after `from` until the gain has moved `fraction` of its way to `targetDb`.
+inline double samplesToReach(const std::vector<float>& in, const std::vector<float>& out, std::size_t from,
+                             double targetDb, double fraction)
+{
+    const double g0 = gainDb(in, out, from - 1);
+    for (std::size_t i = from; i < out.size(); ++i)
+        if ((gainDb(in, out, i) - g0) / (targetDb - g0) >= fraction)
+            return static_cast<double>(i - from + 1);
+    return -1.0;
+}
+
 inline std::vector<float*> pointers(std::vector<std::vector<float>>& channels)
 {
     std::vector<float*> p;

@@ -90,18 +90,11 @@ TEST(Compressor, AttackAndReleaseSettleWithTheirTimeConstants)
         std::vector<float> in(fall + 96000, dbToAmp(-40.0));
         std::fill(in.begin() + step, in.begin() + fall, 1.0f);
         const auto out = runMono(c, in);
-        auto firstReaching = [&](std::size_t from, double target, double fraction) {
-            const double g0 = gainDb(in, out, from - 1);
-            for (std::size_t i = from; i < out.size(); ++i)
-                if ((gainDb(in, out, i) - g0) / (target - g0) >= fraction)
-                    return static_cast<double>(i - from + 1);
-            return -1.0;
-        };
         // 1 - 1/e of the way after one time constant, 90 % after ln(10) of them.
-        const double tau = kRate * ms / 1000.0;
-        EXPECT_NEAR(firstReaching(step, -19.0, 1.0 - std::exp(-1.0)), tau, 1.0);
-        EXPECT_NEAR(firstReaching(step, -19.0, 0.9), tau * std::log(10.0), 1.0);
-        EXPECT_NEAR(firstReaching(fall, 0.0, 1.0 - std::exp(-1.0)), tau * 10.0, 2.0);
+        const double tau = kRate * ms / 1000.0, e1 = 1.0 - std::exp(-1.0);
+        EXPECT_NEAR(samplesToReach(in, out, step, -19.0, e1), tau, 1.0);
+        EXPECT_NEAR(samplesToReach(in, out, step, -19.0, 0.9), tau * std::log(10.0), 1.0);
+        EXPECT_NEAR(samplesToReach(in, out, fall, 0.0, e1), tau * 10.0, 2.0);
     }
 }
 
