@@ -10,6 +10,17 @@
 
 using namespace algtest;
 
+namespace {
+void setUp(LFO& lfo, float width, float offset, float hz, float waveform = LFO::kSine)
+{
+    lfo.initialise(kRate, 1);
+    lfo.setParameter(LFO::WIDTH, width);
+    lfo.setParameter(LFO::OFFSET, offset);
+    lfo.setParameter(LFO::FREQ, hz);
+    lfo.setParameter(LFO::WAVEFORM, waveform);
+}
+} // namespace
+
 TEST(LFO, TablesAreBoundedWrapAroundAndHaveTheirShapes)
 {
     for (std::int32_t w = 0; w < LFO::kWaveformCount; ++w) {
@@ -56,11 +67,7 @@ TEST(LFO, PeriodDepthAndOffset)
         for (const bool random : {false, true}) {
             SCOPED_TRACE(testing::Message() << hz << " Hz, random " << random);
             LFO lfo;
-            lfo.initialise(kRate, 1);
-            lfo.setParameter(LFO::FREQ, hz);
-            lfo.setParameter(LFO::WIDTH, 0.5f);
-            lfo.setParameter(LFO::OFFSET, 1.0f);
-            lfo.setParameter(LFO::WAVEFORM, random ? LFO::kRandom : LFO::kSaw1);
+            setUp(lfo, 0.5f, 1.0f, hz, random ? LFO::kRandom : LFO::kSaw1);
             // The random waveform runs 32 times slower than the others.
             const double period = kRate / hz * (random ? 32.0 : 1.0);
             // Ten wraps of the phase in ten and a half periods.
@@ -120,11 +127,7 @@ TEST(LFO, DepthSmoothingTakes200ms)
 {
     SmoothingOff off;
     LFO lfo;
-    lfo.initialise(kRate, 1);
-    lfo.setParameter(LFO::OFFSET, 0.0f);
-    lfo.setParameter(LFO::WIDTH, 1.0f);
-    lfo.setParameter(LFO::WAVEFORM, LFO::kSquare);
-    lfo.reset();
+    setUp(lfo, 1.0f, 0.0f, 1.0f, LFO::kSquare);
     for (int i = 0; i < 64 * 48000 / 256; ++i)
         lfo.advance(); // to the top of the square, where the table reads 1
     // Off: the next call has the new width.
@@ -152,10 +155,7 @@ TEST(LFO, AlternativeOffsetSlewsAndResetClearsPhase)
 {
     SmoothingOff off;
     LFO lfo;
-    lfo.initialise(kRate, 1);
-    lfo.setParameter(LFO::WIDTH, 1.0f);
-    lfo.setParameter(LFO::OFFSET, 0.0f);
-    lfo.setParameter(LFO::FREQ, 0.0f); // hold the phase still
+    setUp(lfo, 1.0f, 0.0f, 0.0f); // frequency 0 holds the phase still
     // A quarter turn (64 steps at 0.03 per call) takes 2133 calls, a whole turn 8534.
     for (const auto& [turn, calls] : {std::pair{0.25f, 2133}, std::pair{1.0f, 8534}}) {
         lfo.reset();
