@@ -220,6 +220,8 @@ TYPED_TEST(DynamicsBlock, SplitInvariantAndResetLikeNew)
     TypeParam block;
     block.initialise(kRate, 1);
     EXPECT_EQ(runMono(block, in, 1), whole);
+    block.reset();
+    EXPECT_EQ(block.readOut(TypeParam::kGainReduction), 0.0f);
     for (unsigned seed : {5u, 6u}) {
         block.reset();
         auto x = in;

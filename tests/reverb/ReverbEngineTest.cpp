@@ -29,16 +29,6 @@ bool allFinite(const Signal& s, std::size_t from = 0)
     });
 }
 
-TEST(ReverbEngine, DryMixPassesTheInputUnchanged)
-{
-    Control::Settings s = defaults();
-    s[Control::DryWet] = 0.0f;
-    EngineSetup setup(48000.0f, s);
-    qv_reverb_u15 engine(*setup.param);
-    const Signal in = noise(2, 4000, 1);
-    EXPECT_EQ(run(engine, in, 512), in);
-}
-
 // 96 kHz runs the engine at 48 kHz behind the converters.
 TEST(ReverbEngine, DecayTimeFollowsTheReverbTimeSetting)
 {
