@@ -20,65 +20,54 @@ using namespace algtest;
 
 namespace {
 
-// Sets random in-range values on every parameter until told to stop.
-void twiddle(QVDAudioAlgorithm& block, std::atomic<bool>& stop, std::uint32_t seed)
+// Runs `audio` (true while finite) 2 x `rounds` times, smoothing switched on
+// halfway, while another thread sets random in-range values on every parameter.
+template <class Audio>
+void whileSetting(QVDAudioAlgorithm& block, int rounds, Audio audio)
 {
-    std::mt19937 rng(seed);
-    while (!stop.load()) {
-        for (const QVDParameterEntry& e : block.parameters()) {
-            const auto& d = e.definition();
-            std::uniform_real_distribution<float> u(d.minimum, d.maximum);
-            block.setParameter(static_cast<std::uint32_t>(d.index), u(rng));
-        }
+    SmoothingOff off;
+    block.initialise(kRate, 2);
+    std::atomic<bool> stop{false};
+    std::thread control([&] {
+        std::mt19937 rng(7);
+        while (!stop.load())
+            for (const QVDParameterEntry& e : block.parameters()) {
+                const auto& d = e.definition();
+                block.setParameter(static_cast<std::uint32_t>(d.index),
+                                   std::uniform_real_distribution<float>(d.minimum, d.maximum)(rng));
+            }
+    });
+    bool finite = true;
+    for (int n = 0; n < 2 * rounds; ++n) {
+        finite = audio() && finite;
+        if (n == rounds)
+            SmoothingCoefficient::enableAll(true);
     }
+    stop.store(true);
+    control.join();
+    EXPECT_TRUE(finite);
 }
 
 template <class Block>
-void processWhileSetting()
-{
-    SmoothingOff off;
-    Block block;
-    block.initialise(kRate, 2);
-    std::atomic<bool> stop{false};
-    std::thread control(twiddle, std::ref(block), std::ref(stop), 7u);
-    auto l = noise(512, 0.7f, 1), r = noise(512, 0.7f, 2);
-    bool finite = true;
-    for (int n = 0; n < 400; ++n) {
-        auto a = l, b = r;
-        float* chans[] = {a.data(), b.data(), l.data(), r.data()};
-        ASSERT_TRUE(block.processChannels(chans, 512));
-        finite = finite && allFinite(a) && allFinite(b);
-        if (n == 200)
-            SmoothingCoefficient::enableAll(true);
-    }
-    stop.store(true);
-    control.join();
-    EXPECT_TRUE(finite);
-}
+class Concurrency : public testing::Test {};
+using Blocks = testing::Types<Compressor, Expander, RmsCompressor, LevelTracker, DePop, Delay>;
+TYPED_TEST_SUITE(Concurrency, Blocks);
 
 } // namespace
 
-TEST(Concurrency, CompressorWhileSetting) { processWhileSetting<Compressor>(); }
-TEST(Concurrency, ExpanderWhileSetting) { processWhileSetting<Expander>(); }
-TEST(Concurrency, RmsCompressorWhileSetting) { processWhileSetting<RmsCompressor>(); }
-TEST(Concurrency, LevelTrackerWhileSetting) { processWhileSetting<LevelTracker>(); }
-TEST(Concurrency, DePopWhileSetting) { processWhileSetting<DePop>(); }
-TEST(Concurrency, DelayWhileSetting) { processWhileSetting<Delay>(); }
-
-TEST(Concurrency, LFOWhileSetting)
+TYPED_TEST(Concurrency, ProcessWhileSetting)
 {
-    SmoothingOff off;
+    TypeParam block;
+    const auto l = noise(512, 0.7f, 1), r = noise(512, 0.7f, 2);
+    whileSetting(block, 200, [&] {
+        auto a = l, b = r, kl = l, kr = r;
+        float* chans[] = {a.data(), b.data(), kl.data(), kr.data()};
+        return block.processChannels(chans, 512) && allFinite(a) && allFinite(b);
+    });
+}
+
+TEST(LFOConcurrency, ValuesWhileSetting)
+{
     LFO lfo;
-    lfo.initialise(kRate, 2);
-    std::atomic<bool> stop{false};
-    std::thread control(twiddle, std::ref(lfo), std::ref(stop), 9u);
-    bool finite = true;
-    for (int n = 0; n < 200000; ++n) {
-        finite = finite && std::isfinite(lfo.nextValue()) && std::isfinite(lfo.alternativeValue());
-        if (n == 100000)
-            SmoothingCoefficient::enableAll(true);
-    }
-    stop.store(true);
-    control.join();
-    EXPECT_TRUE(finite);
+    whileSetting(lfo, 100000, [&] { return std::isfinite(lfo.nextValue()) && std::isfinite(lfo.alternativeValue()); });
 }

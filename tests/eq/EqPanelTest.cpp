@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <QApplication>
 #include <QImage>
 #include <QKeyEvent>
 #include <QMouseEvent>
@@ -8,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <memory>
 
 #include <QVDEq.h>
 #include <QVDEqPanel.h>
@@ -16,21 +16,10 @@
 #include <UI/QVDShapeIcons.h>
 #include <UI/QVDStyle.h>
 
-extern "C" void* GetQVDPluginInterface();
+#include "../support/PluginFixture.h"
+#include "../support/QtApp.h"
 
 namespace {
-
-QApplication& app()
-{
-    static int argc = 1;
-    static char name[] = "eq_tests";
-    static char* argv[] = {name, nullptr};
-    // Panels render without a display.
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-    static QApplication a(argc, argv);
-    return a;
-}
 
 void press(QWidget* w, int key)
 {
@@ -55,45 +44,40 @@ std::size_t nearest(const QVDResponseView* view, double hz)
     return best;
 }
 
+constexpr const char* kKey = "Tarnwick EQ:1364608369";
+
 struct EqPanelFixture : testing::Test {
     void SetUp() override
     {
-        app();
-        instance = static_cast<qvd::PluginInterface*>(GetQVDPluginInterface())
-                       ->createPlugin(qvd::kAudioPlugin, "Tarnwick EQ:1364608369");
-        ASSERT_NE(instance, nullptr);
-        plugin = dynamic_cast<QVDEq*>(instance);
-        const qvd::PrepareConfig config{2, 2, 0, 0};
-        ASSERT_TRUE(instance->getAudioInterface()->prepare(48000.0f, 256, &config));
-        ASSERT_TRUE(instance->hasEditor());
-        widget = static_cast<QWidget*>(instance->createEditor(nullptr));
-        panel = qobject_cast<QVDEqPanel*>(widget);
+        qvd::test::qtApp();
+        ASSERT_TRUE(eq.prepare(48000.0, 256, 2));
+        widget.reset(static_cast<QWidget*>(instance->createEditor(nullptr)));
+        panel = qobject_cast<QVDEqPanel*>(widget.get());
         ASSERT_NE(panel, nullptr);
     }
-    void TearDown() override
-    {
-        delete widget;
-        if (instance)
-            instance->destroy();
-    }
-    qvd::PluginInstance* instance = nullptr;
-    QVDEq* plugin = nullptr;
-    QWidget* widget = nullptr;
+    qvd::test::PluginFixture eq{kKey};
+    qvd::PluginInstance* instance = eq.instance();
+    QVDEq* plugin = dynamic_cast<QVDEq*>(instance);
+    std::unique_ptr<QWidget> widget;
     QVDEqPanel* panel = nullptr;
 };
 
 TEST_F(EqPanelFixture, EveryBandHasItsControlsBoundToItsParameters)
 {
     EXPECT_EQ(panel->size(), QSize(740, 580));
+    // Each control carries the identifier of its band's parameter and shows its value.
+    const auto identifier = [&](int b, std::uint32_t role) {
+        qvd::ParameterInfo info;
+        EXPECT_TRUE(instance->parameterInfo(b * 5 + static_cast<std::int32_t>(role), &info));
+        return QString::fromStdString(info.identifier);
+    };
     for (int b = 0; b < 6; ++b) {
-        SCOPED_TRACE(b);
-        const QString n = QString::number(b);
-        EXPECT_EQ(panel->knob(b, QVDEq::kGain)->identifier(), "QVDEq::BAND_GAIN_" + n);
-        EXPECT_EQ(panel->knob(b, QVDEq::kFreq)->identifier(), "QVDEq::BAND_FREQ_" + n);
-        EXPECT_EQ(panel->knob(b, QVDEq::kQ)->identifier(), "QVDEq::BAND_Q_" + n);
-        EXPECT_EQ(panel->shapeSelector(b)->identifier(), "QVDEq::BAND_SHAPE_" + n);
-        EXPECT_EQ(panel->inSelector(b)->identifier(), "QVDEq::BAND_IN_" + n);
-        EXPECT_EQ(panel->knob(b, QVDEq::kFreq)->value(), instance->getParameter(b * 5 + QVDEq::kFreq));
+        for (const auto role : {QVDEq::kGain, QVDEq::kFreq, QVDEq::kQ}) {
+            EXPECT_EQ(panel->knob(b, role)->identifier(), identifier(b, role)) << b;
+            EXPECT_EQ(panel->knob(b, role)->value(), instance->getParameter(b * 5 + role)) << b;
+        }
+        EXPECT_EQ(panel->shapeSelector(b)->identifier(), identifier(b, QVDEq::kShape)) << b;
+        EXPECT_EQ(panel->inSelector(b)->identifier(), identifier(b, QVDEq::kIn)) << b;
     }
     // The selectors show the per-band choices at their defaults.
     EXPECT_EQ(panel->shapeSelector(0)->choiceText(), "Hi Pass");
@@ -186,7 +170,7 @@ TEST_F(EqPanelFixture, SelectorsSwitchShapesBandsAndTheWholeEqualizer)
 
 TEST(EqPanel, ShapeIconsExistForEveryViewCodeAndAnUnpreparedPanelDrawsFlat)
 {
-    app();
+    qvd::test::qtApp();
     for (int code = 0; code < 6; ++code) {
         EXPECT_FALSE(QVDShapeIcons::pixmap(code, 18).isNull()) << code;
         EXPECT_TRUE(QVDShapeIcons::resourcePath(code).startsWith(":/Audio/Equalizer/EQ"));
@@ -195,15 +179,13 @@ TEST(EqPanel, ShapeIconsExistForEveryViewCodeAndAnUnpreparedPanelDrawsFlat)
     // The bell and the notch are drawn differently.
     EXPECT_NE(QVDShapeIcons::pixmap(2).toImage(), QVDShapeIcons::pixmap(3).toImage());
 
-    auto* instance = static_cast<qvd::PluginInterface*>(GetQVDPluginInterface())
-                         ->createPlugin(qvd::kAudioPlugin, "Tarnwick EQ:1364608369");
-    auto* panel = qobject_cast<QVDEqPanel*>(static_cast<QWidget*>(instance->createEditor(nullptr)));
+    qvd::test::PluginFixture eq(kKey);
+    std::unique_ptr<QWidget> widget(static_cast<QWidget*>(eq.instance()->createEditor(nullptr)));
+    auto* panel = qobject_cast<QVDEqPanel*>(widget.get());
     ASSERT_NE(panel, nullptr);
     for (const double v : panel->responseView()->curve())
         EXPECT_EQ(v, 0.0);
     EXPECT_FALSE(panel->grab().toImage().isNull());
-    delete panel;
-    instance->destroy();
 }
 
 } // namespace

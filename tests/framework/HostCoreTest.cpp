@@ -11,25 +11,20 @@
 
 namespace {
 
-TEST(HostCore, AutoLockWithoutASectionReportsAndCarriesOn)
+TEST(HostCore, AutoLockHoldsTheSectionForItsLifetimeAndReportsANullOne)
 {
+    TCriticalSection section;
+    {
+        TAutoLockCS lock(&section);
+        TAutoLockCS again(&section); // recursive, as the host's sections are
+    }
+    EXPECT_TRUE(section.tryLock());
+    section.unlock();
     testing::internal::CaptureStderr();
     {
         TAutoLockCS lock(nullptr);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), " TAutoLockCS given a null pointer\n");
-}
-
-TEST(HostCore, AutoLockHoldsTheSectionForItsLifetime)
-{
-    TCriticalSection section;
-    {
-        TAutoLockCS lock(&section);
-        // Recursive, as the host's sections are.
-        TAutoLockCS again(&section);
-    }
-    EXPECT_TRUE(section.tryLock());
-    section.unlock();
 }
 
 TEST(HostCore, DynamicBufferGrowsZeroedAndKeepsLargerStorage)

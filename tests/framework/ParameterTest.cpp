@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 
 #include <QVDParameter.h>
@@ -11,50 +12,38 @@ QVDTaperSegment segment(int kind, float from, float to, float v0, float v1)
     return QVDTaperSegment{kind, from, to, v0, v1};
 }
 
-TEST(ValueTable, LinearSegmentCoversItsPositionsPlusTheEndValue)
+TEST(ValueTable, SegmentsCoverTheirPositionsPlusTheLastEndValue)
 {
-    const auto table = qvdBuildValueTable({segment(0, 0, 4, 0.0f, 1.0f)});
-    EXPECT_EQ(table, (std::vector<float>{0.0f, 0.25f, 0.5f, 0.75f, 1.0f}));
-}
-
-TEST(ValueTable, SegmentsJoinAndOnlyTheLastEndValueIsAppended)
-{
-    const auto table = qvdBuildValueTable({segment(0, 0, 2, 0.0f, 10.0f), segment(0, 2, 4, 10.0f, 30.0f)});
-    EXPECT_EQ(table, (std::vector<float>{0.0f, 5.0f, 10.0f, 20.0f, 30.0f}));
-}
-
-TEST(ValueTable, ExponentialSegmentIsGeometricFromANearZeroStart)
-{
-    const auto table = qvdBuildValueTable({segment(1, 0, 4, 1.0f, 16.0f)});
-    ASSERT_EQ(table.size(), 5u);
-    for (int i = 0; i < 4; ++i)
-        EXPECT_NEAR(table[static_cast<std::size_t>(i)], std::pow(2.0f, static_cast<float>(i)), 1e-4f) << i;
-    EXPECT_EQ(table[4], 16.0f);
-
+    const struct {
+        std::vector<QVDTaperSegment> segments;
+        std::vector<float> table;
+    } cases[] = {
+        {{segment(0, 0, 4, 0.0f, 1.0f)}, {0.0f, 0.25f, 0.5f, 0.75f, 1.0f}},
+        {{segment(0, 0, 2, 0.0f, 10.0f), segment(0, 2, 4, 10.0f, 30.0f)}, {0.0f, 5.0f, 10.0f, 20.0f, 30.0f}},
+        {{segment(1, 0, 4, 1.0f, 16.0f)}, {1.0f, 2.0f, 4.0f, 8.0f, 16.0f}}, // geometric
+        {{}, {0.0f}},
+        {{segment(7, 0, 5, 1.0f, 2.0f)}, {2.0f}}, // unknown kinds add nothing
+    };
+    for (const auto& c : cases) {
+        const auto table = qvdBuildValueTable(c.segments);
+        ASSERT_EQ(table.size(), c.table.size());
+        for (std::size_t i = 0; i < table.size(); ++i)
+            EXPECT_NEAR(table[i], c.table[i], 1e-4f * c.table[i]) << i;
+        EXPECT_EQ(table.back(), c.table.back());
+    }
     // A taper may start at 0: the offset keeps the log finite.
     const auto fromZero = qvdBuildValueTable({segment(1, 0, 3, 0.0f, 8.0f)});
-    for (const float v : fromZero)
-        EXPECT_TRUE(std::isfinite(v));
+    EXPECT_TRUE(std::all_of(fromZero.begin(), fromZero.end(), [](float v) { return std::isfinite(v); }));
     EXPECT_EQ(fromZero.back(), 8.0f);
-}
-
-TEST(ValueTable, UnknownKindsAddNothingAndNoSegmentsGiveOneZero)
-{
-    EXPECT_EQ(qvdBuildValueTable({}), std::vector<float>{0.0f});
-    EXPECT_EQ(qvdBuildValueTable({segment(7, 0, 5, 1.0f, 2.0f)}), std::vector<float>{2.0f});
 }
 
 TEST(ParameterEntry, StepIsNormalisedWhenRegistered)
 {
     QVDParameterDefinition d;
-    d.step = 0.0f;
-    EXPECT_EQ(QVDParameterEntry(d).definition().step, 1.0f);
-    d.step = 0.00001f;
-    EXPECT_EQ(QVDParameterEntry(d).definition().step, 0.0001f);
-    d.step = -3.0f;
-    EXPECT_EQ(QVDParameterEntry(d).definition().step, 0.0001f);
-    d.step = 0.5f;
-    EXPECT_EQ(QVDParameterEntry(d).definition().step, 0.5f);
+    for (const auto& [given, used] : {std::pair{0.0f, 1.0f}, {0.00001f, 0.0001f}, {-3.0f, 0.0001f}, {0.5f, 0.5f}}) {
+        d.step = given;
+        EXPECT_EQ(QVDParameterEntry(d).definition().step, used) << given;
+    }
 }
 
 TEST(ParameterEntry, StartsAtTheDefaultAndExchangesValues)

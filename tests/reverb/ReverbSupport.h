@@ -5,8 +5,10 @@
 #include "qv_reverb_u15_control.h"
 #include "qv_reverb_u15_oversampled.h"
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
+#include <random>
 #include <vector>
 
 namespace reverbtest {
@@ -27,7 +29,8 @@ inline Control::Settings defaults()
 
 // The engine record for a rate and channel count, filled by a controller.
 struct EngineSetup {
-    EngineSetup(float rate, const Control::Settings& s, std::uint32_t channels = 2, std::uint32_t maxBlock = 512)
+    explicit EngineSetup(float rate = 48000.0f, const Control::Settings& s = defaults(), std::uint32_t channels = 2,
+                         std::uint32_t maxBlock = 512)
     {
         param = std::make_unique<qv_reverb_u15_param>();
         param->inputs = param->outputs = channels;
@@ -39,6 +42,43 @@ struct EngineSetup {
     std::unique_ptr<qv_reverb_u15_param> param;
     std::unique_ptr<Control> control;
 };
+
+using Signal = std::vector<std::vector<float>>;
+
+inline Signal noise(std::size_t channels, std::size_t frames, unsigned seed, float level = 0.5f)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(-level, level);
+    Signal s(channels, std::vector<float>(frames));
+    for (auto& ch : s)
+        for (auto& v : ch)
+            v = u(rng);
+    return s;
+}
+
+inline Signal impulse(std::size_t channels, std::size_t frames)
+{
+    Signal s(channels, std::vector<float>(frames, 0.0f));
+    for (auto& ch : s)
+        ch[0] = 1.0f;
+    return s;
+}
+
+inline float peak(const std::vector<float>& x, std::size_t from = 0, std::size_t to = SIZE_MAX)
+{
+    float p = 0.0f;
+    for (std::size_t n = from; n < std::min(to, x.size()); ++n)
+        p = std::max(p, std::fabs(x[n]));
+    return p;
+}
+
+// The oversampled engine for a factor of 2 or 4.
+inline std::unique_ptr<qv_reverb_u15_oversampled> oversampled(std::uint32_t factor, const qv_reverb_u15_param& p)
+{
+    if (factor == 2)
+        return std::make_unique<qv_reverb_u15_x2>(p);
+    return std::make_unique<qv_reverb_u15_x4>(p);
+}
 
 // Runs planar signals through anything with process(in, out, frames), in
 // blocks of `block` frames.
