@@ -10,7 +10,7 @@
 
 #include <Algorithms/BiQuad.h>
 
-#include "../support/PluginFixture.h"
+#include "PluginFixture.h"
 
 namespace {
 

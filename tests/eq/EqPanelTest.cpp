@@ -16,8 +16,8 @@
 #include <UI/QVDShapeIcons.h>
 #include <UI/QVDStyle.h>
 
-#include "../support/PluginFixture.h"
-#include "../support/QtApp.h"
+#include "PluginFixture.h"
+#include "QtApp.h"
 
 namespace {
 

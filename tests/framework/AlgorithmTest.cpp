@@ -3,7 +3,7 @@
 #include <Algorithms/MultiChannelSample.h>
 #include <QVDAudioAlgorithm.h>
 
-#include "AssertCapture.h"
+#include "AssertCatcher.h"
 
 namespace {
 
@@ -69,17 +69,17 @@ TEST(AudioAlgorithm, UndefinedProcessingIsRefusedAndReported)
     CountingBlock block;
     float samples[4] = {1, 2, 3, 4};
     float* channels[1] = {samples};
-    AssertCapture capture;
-    AssertCapture::reports().clear();
+    qvd::test::AssertCatcher capture;
+    capture.reset();
     EXPECT_FALSE(block.processChannel(0, samples, 4));
     EXPECT_FALSE(block.processChannels(channels, 4));
     EXPECT_EQ(samples[3], 4.0f);
     if (twa::debug::kAssertsEnabled) {
-        ASSERT_EQ(AssertCapture::reports().size(), 2u);
-        EXPECT_EQ(AssertCapture::reports()[0].condition, "0");
-        EXPECT_EQ(AssertCapture::reports()[0].file, "Common/QVDAudioAlgorithm.cpp");
+        ASSERT_EQ(capture.count(), 2u);
+        EXPECT_EQ(capture.condition(0), "0");
+        EXPECT_EQ(capture.file(0), "Common/QVDAudioAlgorithm.cpp");
     } else {
-        EXPECT_TRUE(AssertCapture::reports().empty());
+        EXPECT_TRUE((capture.count() == 0));
     }
 }
 
@@ -95,13 +95,13 @@ TEST(MultiChannelSample, FillsFromARangeAndZeroesTheRest)
 TEST(MultiChannelSample, ARangeLongerThanTheFrameIsAContractFailure)
 {
     QVD_SKIP_WITHOUT_ASSERTS();
-    AssertCapture capture;
-    AssertCapture::reports().clear();
+    qvd::test::AssertCatcher capture;
+    capture.reset();
     const float values[5] = {1, 2, 3, 4, 5};
     const MultiChannelSample<4> frame(values, values + 5);
-    ASSERT_EQ(AssertCapture::reports().size(), 1u);
-    EXPECT_EQ(AssertCapture::reports()[0].condition, "e<=b+N");
-    EXPECT_EQ(AssertCapture::reports()[0].file, "Common/Algorithms/MultiChannelSample.h");
+    ASSERT_EQ(capture.count(), 1u);
+    EXPECT_EQ(capture.condition(0), "e<=b+N");
+    EXPECT_EQ(capture.file(0), "Common/Algorithms/MultiChannelSample.h");
     // Carries on with what fits.
     EXPECT_EQ(frame[3], 4.0f);
 }

@@ -7,7 +7,7 @@
 #include <TCriticalSection.h>
 #include <TDynamicBuffer.h>
 
-#include "AssertCapture.h"
+#include "AssertCatcher.h"
 
 namespace {
 
@@ -88,12 +88,12 @@ TEST(HostCore, ADropWithoutAHostIsAContractFailure)
     DropTarget target;
     QMimeData files;
     files.setUrls({QUrl::fromLocalFile(QStringLiteral("/tmp/a.wav"))});
-    AssertCapture capture;
-    AssertCapture::reports().clear();
+    qvd::test::AssertCatcher capture;
+    capture.reset();
     EXPECT_FALSE(target.handleDrop(&files));
     if (twa::debug::kAssertsEnabled) {
-        ASSERT_EQ(AssertCapture::reports().size(), 1u);
-        EXPECT_EQ(AssertCapture::reports()[0].condition, "0 != _dragDropHost");
+        ASSERT_EQ(capture.count(), 1u);
+        EXPECT_EQ(capture.condition(0), "0 != _dragDropHost");
     }
 }
 

@@ -5,7 +5,7 @@
 
 #include <QVDPluginInterfaceImpl.h>
 
-#include "../support/PluginFixture.h"
+#include "PluginFixture.h"
 #include "TestDelayPlugin.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <QVDControlPlugin.h>
 #include <QVDPluginInterfaceImpl.h>
 
-#include "AssertCapture.h"
+#include "AssertCatcher.h"
 #include "TestDelayPlugin.h"
 
 extern "C" void* GetQVDPluginInterface();
@@ -136,16 +136,16 @@ TEST(Registry, InstancesCaptureTheHostPointersSetBeforeThem)
 TEST(Registry, DuplicateRegistrationIsRefusedAndReported)
 {
     const auto count = qvdAudioPluginMap().size();
-    AssertCapture capture;
-    AssertCapture::reports().clear();
+    qvd::test::AssertCatcher capture;
+    capture.reset();
     EXPECT_FALSE(QVDAudioPlugin<QVDTestDelay>::registerClass());
     EXPECT_FALSE(QVDControlPlugin<TestControl>::registerClass());
     EXPECT_EQ(qvdAudioPluginMap().size(), count);
     if (twa::debug::kAssertsEnabled) {
-        ASSERT_EQ(AssertCapture::reports().size(), 2u);
-        EXPECT_EQ(AssertCapture::reports()[0].condition, "0");
-        EXPECT_EQ(AssertCapture::reports()[0].file, "Common/QVDAudioPlugin.h");
-        EXPECT_EQ(AssertCapture::reports()[1].file, "Common/QVDControlPlugin.h");
+        ASSERT_EQ(capture.count(), 2u);
+        EXPECT_EQ(capture.condition(0), "0");
+        EXPECT_EQ(capture.file(0), "Common/QVDAudioPlugin.h");
+        EXPECT_EQ(capture.file(1), "Common/QVDControlPlugin.h");
     }
 }
 

@@ -9,8 +9,8 @@
 #include <QVDReverbPanel.h>
 #include <qvd/PluginInterface.h>
 
-#include "../support/PluginFixture.h"
-#include "../support/QtApp.h"
+#include "PluginFixture.h"
+#include "QtApp.h"
 
 #include <atomic>
 #include <cmath>
