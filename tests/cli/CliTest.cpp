@@ -368,7 +368,6 @@ TEST_F(CliTest, DemoAndBenchRun)
         QJsonDocument::fromJson(QByteArray::fromStdString(r.output)).object().value("results").toArray();
     ASSERT_EQ(results.size(), 1);
     EXPECT_GT(results[0].toObject().value("ns_per_frame").toDouble(), 0.0);
-    EXPECT_GT(results[0].toObject().value("realtime_factor").toDouble(), 1.0);
 
     // The reverb at 96 kHz runs its half-rate engine.
     r = qvdfx("bench Reverb --rate 96000 --seconds 0.05 --json", true);
