@@ -218,9 +218,10 @@ int commandParams(qvd::PluginInterface& registry, Arguments args)
                    jsonEscape(p.unit) + "\", \"options\": [" + options + "]}";
         } else {
             char line[512];
-            std::snprintf(line, sizeof line, "%3d  %-30s %-14s %-10s %-6s %10g .. %-10g default %-8g step %-6g %s\n",
+            std::snprintf(line, sizeof line, "%3d  %-30s %-14s %-10s %-6s %10s .. %-10s default %-8s step %-6s %s\n",
                           p.index, p.identifier.c_str(), p.label.c_str(), kindName(p.kind), scaleName(p.scale),
-                          p.minimum, p.maximum, p.defaultValue, p.step, p.unit.c_str());
+                          floatText(p.minimum).c_str(), floatText(p.maximum).c_str(),
+                          floatText(p.defaultValue).c_str(), floatText(p.step).c_str(), p.unit.c_str());
             out += line;
             if (!p.options.empty()) {
                 out += "     options:";

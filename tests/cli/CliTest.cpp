@@ -378,4 +378,36 @@ TEST_F(CliTest, DemoAndBenchRun)
     EXPECT_EQ(qvdfx("bench Reverb --rate 0", true).status, 2);
 }
 
+TEST_F(CliTest, RangeEndsAreAcceptedAsParamsPrintsThem)
+{
+    gen("in.wav", "--signal sine --seconds 0.05 --channels 1");
+    qvd::PluginInterface* registry = loadRegistry();
+    ASSERT_NE(registry, nullptr);
+    for (const auto& [key, info] : registry->listPlugins(qvd::kAudioPlugin)) {
+        const Result listing = qvdfx("params \"" + key + "\"", true);
+        ASSERT_EQ(listing.status, 0) << listing.output;
+        // "  3  QVDEq::BAND_Q_5  Q 5  continuous  log  0.3 .. 10.3  default ..."
+        std::string lows, highs;
+        std::istringstream lines(listing.output);
+        for (std::string line; std::getline(lines, line);) {
+            const auto dots = line.find(" .. ");
+            if (dots == std::string::npos)
+                continue;
+            std::istringstream before(line.substr(0, dots)), after(line.substr(dots + 4));
+            std::string index, word, low, high;
+            before >> index;
+            while (before >> word)
+                low = word;
+            after >> high;
+            lows += " --set " + index + "=" + low;
+            highs += " --set " + index + "=" + high;
+        }
+        for (const std::string& settings : {lows, highs}) {
+            const Result r = qvdfx("process " + path("in.wav") + " " + path("out.wav") + " -p \"" + key + "\"" +
+                                   settings + " --quiet");
+            EXPECT_EQ(r.status, 0) << key << settings << "\n" << r.output;
+        }
+    }
+}
+
 } // namespace
