@@ -1,23 +1,31 @@
 #pragma once
-// Audio files through libsndfile. Writers write to a temporary file beside
-// the target and rename it into place only when everything was written, so
-// a failure never leaves a partial or truncated output.
+// Audio files through libsndfile, and WAV streams: "-" reads standard input
+// or writes standard output. A WAV whose header leaves its length open
+// (data size 0 or 0xFFFFFFFF, as streaming writers mark it) is read to its
+// end. Writers go through OutputFile, so a failure never leaves a partial
+// or truncated file.
 
 #include <sndfile.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
+
+#include "OutputFile.h"
 
 namespace qvdfx {
 
 enum class SampleFormat { Float, Pcm16, Pcm24 };
+struct WavHeader;
+struct StreamSink;
 
 // "float", "pcm16" or "pcm24"; a usage failure otherwise.
 SampleFormat parseSampleFormat(const std::string& text);
 
 class AudioReader {
 public:
-    // Opens `path`; a file failure naming the path and the reason otherwise.
+    // Opens `path`, or standard input for "-"; a file failure naming it and
+    // the reason otherwise.
     explicit AudioReader(const std::string& path);
     ~AudioReader();
     AudioReader(const AudioReader&) = delete;
@@ -25,40 +33,54 @@ public:
 
     int rate() const { return m_info.samplerate; }
     int channels() const { return m_info.channels; }
-    std::int64_t frames() const { return m_info.frames; }
-    // Reads up to `frames` interleaved frames; returns how many were read.
+    // The exact frame count, or -1 for a pipe, which is read to its end.
+    std::int64_t frames() const { return m_frames; }
+    // Reads up to `frames` interleaved frames; returns how many were read,
+    // 0 at the end.
     std::int64_t read(float* interleaved, std::int64_t frames);
 
+    // Reads raw WAV data from a file descriptor, for libsndfile.
+    struct Stream {
+        int fd = -1;
+        std::int64_t remaining = -1; // -1: to the end
+        std::int64_t position = 0;
+        int error = 0;
+    };
+
 private:
-    std::string m_path;
+    void open(const std::string& path);
+    void openStream(int fd);
+    void startStream(int fd, const WavHeader& header);
+    void close();
+
+    std::string m_name;
     SF_INFO m_info{};
     SNDFILE* m_file = nullptr;
+    int m_fd = -1; // owned until libsndfile takes it
+    std::int64_t m_frames = -1;
+    Stream m_stream;
 };
 
 class AudioWriter {
 public:
-    // Creates the temporary file; a file failure when the target's folder is
-    // not writable.
-    AudioWriter(const std::string& path, int rate, int channels, SampleFormat format);
+    // Opens the output (see OutputFile). `frames` is how many will be
+    // written, or -1 when unknown: an output that may pass the 4 GiB a WAV
+    // header can count is written as RF64, which libsndfile turns back into
+    // WAV when it stays small.
+    AudioWriter(const std::string& path, int rate, int channels, SampleFormat format, std::int64_t frames);
     ~AudioWriter();
     AudioWriter(const AudioWriter&) = delete;
     AudioWriter& operator=(const AudioWriter&) = delete;
 
     void write(const float* interleaved, std::int64_t frames);
-    // Closes and renames into place.
+    // Closes and puts the output in place.
     void commit();
+    const std::string& name() const { return m_out.name(); }
 
 private:
-    std::string m_path;
-    std::string m_temporary;
+    OutputFile m_out;
+    std::unique_ptr<StreamSink> m_sink; // set when the output is a stream
     SNDFILE* m_file = nullptr;
-    bool m_committed = false;
 };
-
-// Throws a file failure when `output` names the same file as `input`.
-void checkDistinct(const std::string& input, const std::string& output);
-
-// Writes `text` to `path` through a temporary file.
-void writeTextFile(const std::string& path, const std::string& text);
 
 } // namespace qvdfx

@@ -1,5 +1,6 @@
 #include "Options.h"
 
+#include <charconv>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -64,6 +65,13 @@ std::string Arguments::value(const std::string& name)
 void Arguments::unexpected(const std::string& word) const
 {
     fail(kExitUsage, m_command + ": unexpected argument '" + word + "' (see 'qvdfx --help')");
+}
+
+std::string floatText(float value)
+{
+    char buffer[32];
+    const auto end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+    return std::string(buffer, end);
 }
 
 std::string jsonEscape(const std::string& text)

@@ -50,6 +50,10 @@ private:
     std::size_t m_next = 0;
 };
 
+// The shortest decimal that reads back as exactly `value`, so a range end
+// typed as printed is inside the range.
+std::string floatText(float value);
+
 std::string jsonEscape(const std::string& text);
 // %.17g of a double, or null when it is not finite (JSON has no NaN).
 std::string jsonNumber(double value);

@@ -15,13 +15,6 @@ std::string lower(std::string s)
     std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return s;
 }
-
-std::string describe(double v)
-{
-    char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%g", v);
-    return buffer;
-}
 } // namespace
 
 std::string resolvePluginKey(qvd::PluginInterface& registry, const std::string& name)
@@ -102,11 +95,15 @@ float resolveValue(const qvd::PluginInstance& plugin, std::int32_t index, const 
         }
         v = static_cast<double>(it - info.options.begin());
     }
-    if (!force && (v < info.minimum || v > info.maximum))
-        fail(kExitPlugin, info.identifier + " = " + value + " is outside its range " + describe(info.minimum) + " to " +
-                              describe(info.maximum) + (info.unit.empty() ? "" : " " + info.unit) +
+    // Compared as the float the plugin gets: 0.3 as a double is below 0.3f.
+    const auto f = static_cast<float>(v);
+    if (!std::isfinite(f))
+        fail(kExitUsage, "value '" + value + "' for " + info.identifier + " is too large for a parameter");
+    if (!force && (f < info.minimum || f > info.maximum))
+        fail(kExitPlugin, info.identifier + " = " + value + " is outside its range " + floatText(info.minimum) +
+                              " to " + floatText(info.maximum) + (info.unit.empty() ? "" : " " + info.unit) +
                               " (--force sets it anyway)");
-    return static_cast<float>(v);
+    return f;
 }
 
 PluginChain::PluginChain(qvd::PluginInterface& registry, const std::vector<StepSpec>& steps, bool force)

@@ -1,6 +1,7 @@
 #include "Render.h"
 
 #include <QApplication>
+#include <QBuffer>
 #include <QImage>
 #include <QPainter>
 #include <QPainterPath>
@@ -10,11 +11,12 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "OutputFile.h"
 #include "PluginChain.h"
 
 namespace qvdfx {
@@ -42,26 +44,16 @@ QApplication& application()
     return app;
 }
 
-// Writes `image` to `path` through a temporary file beside it.
-void savePng(const QImage& image, const std::string& path)
+// Encodes `image` as PNG into `file` and puts it in place.
+void savePng(const QImage& image, OutputFile& file)
 {
-    const std::filesystem::path target(path);
-    std::error_code ec;
-    const auto folder = target.has_parent_path() ? target.parent_path() : std::filesystem::path(".");
-    if (!std::filesystem::is_directory(folder, ec))
-        fail(kExitFile, "cannot write '" + path + "': folder '" + folder.string() + "' does not exist");
-    std::string name = ".";
-    name.append(target.filename().string()).append(".part.png");
-    const auto temporary = (folder / name).string();
-    if (!image.save(QString::fromStdString(temporary), "PNG")) {
-        std::filesystem::remove(temporary, ec);
-        fail(kExitFile, "cannot write '" + path + "'");
-    }
-    std::filesystem::rename(temporary, target, ec);
-    if (ec) {
-        std::filesystem::remove(temporary, ec);
-        fail(kExitFile, "cannot write '" + path + "': " + ec.message());
-    }
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    if (!image.save(&buffer, "PNG"))
+        file.failed("the image cannot be encoded as PNG");
+    file.write(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    file.commit();
 }
 
 struct Setup {
@@ -131,6 +123,7 @@ int commandPanel(qvd::PluginInterface& registry, Arguments args)
     }
     if (s.plugin.empty() || out.empty())
         fail(kExitUsage, "panel: give a plugin and an output file (qvdfx panel PLUGIN OUT.png)");
+    OutputFile file(out, true);
     application();
     auto plugin = makePlugin(registry, s);
     if (!plugin->instance->hasEditor())
@@ -141,8 +134,8 @@ int commandPanel(qvd::PluginInterface& registry, Arguments args)
     panel->adjustSize();
     const QImage image = panel->grab().toImage();
     panel.reset(); // before the instance it belongs to
-    savePng(image, out);
-    std::fprintf(stderr, "wrote %s: %d x %d\n", out.c_str(), image.width(), image.height());
+    savePng(image, file);
+    std::fprintf(stderr, "wrote %s: %d x %d\n", file.name().c_str(), image.width(), image.height());
     return kExitOk;
 }
 
@@ -169,6 +162,11 @@ int commandResponse(qvd::PluginInterface& registry, Arguments args)
     }
     if (s.plugin.empty())
         fail(kExitUsage, "response: name a plugin (qvdfx response PLUGIN [--set NAME=VALUE ...])");
+    std::optional<OutputFile> file;
+    if (!png.empty()) {
+        checkDistinct({{"--png", png, true}, {"--json", json ? "-" : "", true}});
+        file.emplace(png, true);
+    }
     auto plugin = makePlugin(registry, s);
 
     // Log-spaced from 20 Hz to 20 kHz or just below Nyquist.
@@ -233,8 +231,8 @@ int commandResponse(qvd::PluginInterface& registry, Arguments args)
         p.setPen(QColor(0xd8, 0xdb, 0xde));
         p.drawText(QPointF(margin, 24), QString::fromUtf8(plugin->instance->pluginKey()) + "  (dB against Hz)");
         p.end();
-        savePng(image, png);
-        std::fprintf(stderr, "wrote %s\n", png.c_str());
+        savePng(image, *file);
+        std::fprintf(stderr, "wrote %s\n", file->name().c_str());
     }
     return kExitOk;
 }

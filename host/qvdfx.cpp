@@ -9,12 +9,14 @@
 #include <map>
 #include <memory>
 #include <numbers>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "AudioFile.h"
 #include "Options.h"
+#include "OutputFile.h"
 #include "PluginChain.h"
 #include "PluginLibrary.h"
 #include "Progress.h"
@@ -46,7 +48,9 @@ const char* kHelp =
     "      sample and is as long (plus --tail). NAME is a full identifier\n"
     "      (QVDGain::GAIN), the part after the colons (GAIN) or an index; VALUE is\n"
     "      a number in the parameter's units or an option label. Values outside a\n"
-    "      parameter's range are refused unless --force. Defaults: --block 512,\n"
+    "      parameter's range are refused unless --force. IN or OUT may be '-': a\n"
+    "      WAV stream on standard input (read to its end) or standard output.\n"
+    "      Defaults: --block 512,\n"
     "      --smoothing on (off makes every setting exact from the first sample;\n"
     "      settings made before processing are exact either way), --format float.\n"
     "      --meters writes every meter of every plugin, peak-held over the file, in dB.\n"
@@ -57,7 +61,8 @@ const char* kHelp =
     "      48000 Hz, 2 channels, seed 1. A sweep runs from --freq to 0.45 x rate.\n"
     "  demo [OUT]\n"
     "      processes a built-in test signal through a chain of the plugins, prints\n"
-    "      the meters and the real-time factor, and writes OUT if given\n"
+    "      the meters and the real-time factor, and writes OUT if given (the\n"
+    "      report goes to stderr when OUT is '-')\n"
     "  panel PLUGIN OUT.png [--set NAME=VALUE ...] [--rate R]\n"
     "      renders the plugin's editor panel offscreen to a PNG file\n"
     "  response PLUGIN [--set NAME=VALUE ...] [--rate R] [--points N] [--json]\n"
@@ -76,12 +81,23 @@ const char* kHelp =
     "  --quiet          no progress bar (it only shows on a terminal anyway)\n"
     "  QVDFX_LOG_LEVEL  environment: plugins' debug log level (0 to 3) to stderr\n"
     "\n"
+    "output files:\n"
+    "  are written whole or not at all: to a hidden temporary file beside the\n"
+    "  output, renamed over it once complete, so a failure, a full disk or an\n"
+    "  interrupt keeps the old file (or none) and leaves no partial one. A symlink\n"
+    "  is followed and its target replaced; a device (/dev/null) or a named pipe\n"
+    "  is written in place; '-' is standard output, where a failure ends the\n"
+    "  stream early. Audio that may pass 4 GiB is written as RF64 (as WAV if it\n"
+    "  stays smaller). An output that is the same file as an input or as another\n"
+    "  output is refused before any work.\n"
+    "\n"
     "exit codes:\n"
     "  0 success; 2 bad command line; 3 plugin library not loadable or\n"
     "  incompatible; 4 unknown or ambiguous plugin or parameter, or a value out of\n"
-    "  range; 5 input unreadable or output unwritable; 6 a plugin refused the\n"
-    "  configuration or failed while processing. Output files are written whole\n"
-    "  or not at all.\n";
+    "  range; 5 input unreadable or output unwritable (a full disk included); 6 a\n"
+    "  plugin refused the configuration or failed while processing; 130, 143, 129\n"
+    "  interrupted by SIGINT, SIGTERM or SIGHUP: temporary files are removed and\n"
+    "  qvdfx ends by that signal, which a shell reports as 128 + its number.\n";
 
 constexpr int kMaxChannels = 64;
 
@@ -218,9 +234,10 @@ int commandParams(qvd::PluginInterface& registry, Arguments args)
                    jsonEscape(p.unit) + "\", \"options\": [" + options + "]}";
         } else {
             char line[512];
-            std::snprintf(line, sizeof line, "%3d  %-30s %-14s %-10s %-6s %10g .. %-10g default %-8g step %-6g %s\n",
+            std::snprintf(line, sizeof line, "%3d  %-30s %-14s %-10s %-6s %10s .. %-10s default %-8s step %-6s %s\n",
                           p.index, p.identifier.c_str(), p.label.c_str(), kindName(p.kind), scaleName(p.scale),
-                          p.minimum, p.maximum, p.defaultValue, p.step, p.unit.c_str());
+                          floatText(p.minimum).c_str(), floatText(p.maximum).c_str(),
+                          floatText(p.defaultValue).c_str(), floatText(p.step).c_str(), p.unit.c_str());
             out += line;
             if (!p.options.empty()) {
                 out += "     options:";
@@ -296,9 +313,9 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
         fail(kExitUsage, "process: name at least one plugin with -p PLUGIN");
     const std::string& inPath = files[0];
     const std::string& outPath = files[1];
+    checkDistinct({{"input", inPath, false}, {"output", outPath, true}, {"--meters", metersPath, true}});
 
     AudioReader reader(inPath);
-    checkDistinct(inPath, outPath);
     const int channels = reader.channels();
     const int rate = reader.rate();
     PluginChain chain(registry, steps, force);
@@ -306,25 +323,34 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
 
     const auto latency = static_cast<std::int64_t>(chain.latency());
     const auto tailFrames = static_cast<std::int64_t>(std::llround(tail * rate));
-    const std::int64_t inFrames = reader.frames();
-    const std::int64_t outFrames = inFrames + tailFrames;
-    AudioWriter writer(outPath, rate, channels, format);
+    const std::int64_t known = reader.frames(); // -1 for a pipe
+    // Every output is opened before the render, so a bad place fails first.
+    std::optional<OutputFile> meters;
+    if (!metersPath.empty())
+        meters.emplace(metersPath, false);
+    AudioWriter writer(outPath, rate, channels, format, known < 0 ? -1 : known + tailFrames);
     Buffers buffers(channels, blockSize);
-    Progress progress("processing", outFrames + latency, quiet);
+    Progress progress("processing", known < 0 ? 0 : known + tailFrames + latency, quiet);
 
-    // Run until the output is complete: input first, then silence for the
-    // latency and the tail. The first `latency` frames out are dropped.
-    std::int64_t fed = 0, skipped = 0, written = 0;
-    while (written < outFrames) {
+    // Input until it ends, then silence for the latency and the tail. The
+    // first `latency` frames out are dropped.
+    std::int64_t fed = 0, skipped = 0, written = 0, inFrames = -1;
+    for (;;) {
         std::int64_t n = 0;
-        if (fed < inFrames) {
-            n = reader.read(buffers.interleaved.data(), std::min<std::int64_t>(blockSize, inFrames - fed));
-            if (n == 0) // the header promised more than the file holds
-                fail(kExitFile, "'" + inPath + "' ends after " + std::to_string(fed) + " of " +
-                                    std::to_string(inFrames) + " frames");
+        if (inFrames < 0) {
+            n = reader.read(buffers.interleaved.data(), blockSize);
+            if (n == 0) {
+                if (known >= 0 && fed < known) // the header promised more than the file holds
+                    fail(kExitFile, "'" + inPath + "' ends after " + std::to_string(fed) + " of " +
+                                        std::to_string(known) + " frames");
+                inFrames = fed;
+                continue;
+            }
             buffers.deinterleave(n);
         } else {
-            n = std::min<std::int64_t>(blockSize, outFrames + latency - fed);
+            n = std::min<std::int64_t>(blockSize, inFrames + tailFrames + latency - fed);
+            if (n <= 0)
+                break;
             for (auto& ch : buffers.planar)
                 std::fill(ch.begin(), ch.begin() + n, 0.0f);
         }
@@ -332,21 +358,24 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
         fed += n;
         const std::int64_t drop = std::min(n, latency - skipped);
         skipped += drop;
-        const std::int64_t keep = std::min(n - drop, outFrames - written);
-        if (keep > 0) {
-            buffers.interleave(drop, keep);
-            writer.write(buffers.interleaved.data(), keep);
-            written += keep;
+        if (n > drop) {
+            buffers.interleave(drop, n - drop);
+            writer.write(buffers.interleaved.data(), n - drop);
+            written += n - drop;
         }
         progress.update(fed);
     }
     progress.finish();
-    if (!metersPath.empty())
-        writeTextFile(metersPath, chain.metersJson());
+    // The meters reach the disk before the audio is put in place, so a full
+    // disk loses both rather than leaving one without the other.
+    if (meters)
+        meters->write(chain.metersJson());
     writer.commit();
+    if (meters)
+        meters->commit();
     if (!quiet)
         std::fprintf(stderr, "wrote %s: %lld frames, %d channels, %d Hz (latency %lld frames compensated)\n",
-                     outPath.c_str(), static_cast<long long>(written), channels, rate,
+                     writer.name().c_str(), static_cast<long long>(written), channels, rate,
                      static_cast<long long>(latency));
     return kExitOk;
 }
@@ -393,7 +422,7 @@ int commandGen(Arguments args)
         fail(kExitUsage, "gen: --freq must be below half the rate (" + std::to_string(signal.rate / 2) + " Hz)");
     const auto total = static_cast<std::int64_t>(std::llround(seconds * signal.rate));
     SignalGenerator generator(signal, total);
-    AudioWriter writer(out, signal.rate, signal.channels, format);
+    AudioWriter writer(out, signal.rate, signal.channels, format, total);
     const int block = 4096;
     Buffers buffers(signal.channels, block);
     for (std::int64_t done = 0; done < total; done += block) {
@@ -447,6 +476,11 @@ int commandDemo(qvd::PluginInterface& registry, Arguments args)
     std::vector<std::vector<float>> audio(2, std::vector<float>(static_cast<std::size_t>(rate * seconds)));
     demoSignal(audio, rate);
     const auto frames = static_cast<std::int64_t>(audio[0].size());
+    std::optional<AudioWriter> writer;
+    if (!out.empty())
+        writer.emplace(out, rate, 2, SampleFormat::Float, frames);
+    // The audio may be standard output; then the report goes to stderr.
+    FILE* report = out == "-" ? stderr : stdout;
 
     // The chain grows as plugins land; steps whose plugin is missing are skipped.
     const std::vector<StepSpec> wanted = {
@@ -496,31 +530,30 @@ int commandDemo(qvd::PluginInterface& registry, Arguments args)
     }
     const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-    std::printf("demo: %.1f s of stereo audio at %d Hz in blocks of %d through %zu plugins\n", seconds, rate,
-                blockSize, chain.size());
+    std::fprintf(report, "demo: %.1f s of stereo audio at %d Hz in blocks of %d through %zu plugins\n", seconds,
+                 rate, blockSize, chain.size());
     for (std::size_t p = 0; p < chain.size(); ++p) {
         const qvd::PluginInstance& plugin = chain.plugin(p);
-        std::printf("  %zu. %s\n", p + 1, plugin.pluginKey());
+        std::fprintf(report, "  %zu. %s\n", p + 1, plugin.pluginKey());
         for (std::int32_t g = 0; g < plugin.meterGroupCount(); ++g) {
-            std::printf("     %-8s now", plugin.meterGroupName(g));
+            std::fprintf(report, "     %-8s now", plugin.meterGroupName(g));
             double values[kMaxChannels];
             const std::int32_t n = std::min(kMaxChannels, plugin.getMeterValues(g, values, kMaxChannels));
             for (std::int32_t i = 0; i < n; ++i)
-                std::printf(" %7.2f dB", values[i]);
-            std::printf("\n");
+                std::fprintf(report, " %7.2f dB", values[i]);
+            std::fprintf(report, "\n");
         }
     }
-    std::printf("meters (peak held over the run):\n%s", chain.metersJson().c_str());
-    std::printf("speed: %.3f ms for %.1f s of audio, real-time factor %.0fx\n", elapsed * 1e3, seconds,
-                elapsed > 0.0 ? seconds / elapsed : 0.0);
-    if (!out.empty()) {
-        AudioWriter writer(out, rate, 2, SampleFormat::Float);
+    std::fprintf(report, "meters (peak held over the run):\n%s", chain.metersJson().c_str());
+    std::fprintf(report, "speed: %.3f ms for %.1f s of audio, real-time factor %.0fx\n", elapsed * 1e3, seconds,
+                 elapsed > 0.0 ? seconds / elapsed : 0.0);
+    if (writer) {
         Buffers all(2, static_cast<int>(frames));
         all.planar = result;
         all.interleave(0, frames);
-        writer.write(all.interleaved.data(), frames);
-        writer.commit();
-        std::printf("wrote %s\n", out.c_str());
+        writer->write(all.interleaved.data(), frames);
+        writer->commit();
+        std::fprintf(report, "wrote %s\n", writer->name().c_str());
     }
     return kExitOk;
 }
@@ -630,22 +663,26 @@ int commandBench(qvd::PluginInterface& registry, Arguments args)
 
 int qvdfx::runCommandLine(std::vector<std::string> words)
 {
-    std::string libraryPath = PluginLibrary::defaultPath();
-    if (words.size() >= 2 && words[0] == "--library") {
-        libraryPath = words[1];
-        words.erase(words.begin(), words.begin() + 2);
-    }
-    if (words.empty()) {
-        std::fputs(kHelp, stderr);
-        return kExitUsage;
-    }
-    if (words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
-        std::fputs(kHelp, stdout);
-        return kExitOk;
-    }
-    const std::string command = words[0];
-    words.erase(words.begin());
+    const SignalCleanup cleanup;
     try {
+        // Options before the command, for every command.
+        std::string libraryPath = PluginLibrary::defaultPath();
+        while (!words.empty() && words[0] == "--library") {
+            if (words.size() < 2)
+                fail(kExitUsage, "--library needs a path to the plugin library");
+            libraryPath = words[1];
+            words.erase(words.begin(), words.begin() + 2);
+        }
+        if (words.empty()) {
+            std::fputs(kHelp, stderr);
+            return kExitUsage;
+        }
+        if (words[0] == "--help" || words[0] == "-h" || words[0] == "help") {
+            std::fputs(kHelp, stdout);
+            return kExitOk;
+        }
+        const std::string command = words[0];
+        words.erase(words.begin());
         static const char* const kCommands[] = {"list", "params", "process", "gen", "demo", "bench", "panel",
                                                 "response"};
         if (std::find(std::begin(kCommands), std::end(kCommands), command) == std::end(kCommands))

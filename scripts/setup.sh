@@ -13,6 +13,8 @@ packages=(
   # RealtimeSanitizer runtime for the conformance harness; clang for the fuzzers
   clang-19 libclang-rt-19-dev
   fontconfig fonts-dejavu-core
+  # the CLI tests pipe WAV streams between sox and qvdfx; never linked
+  sox
 )
 
 missing=()
