@@ -29,12 +29,16 @@ using namespace qvdfx;
 namespace {
 
 const char* kHelp =
-    "usage: qvdfx [--library PATH] COMMAND [ARGS]\n"
+    "usage: qvdfx [--library PATH] [--isa LEVEL] COMMAND [ARGS]\n"
     "\n"
     "Runs audio through the plugins of libQVDAudioPlugins.so, loaded the way a\n"
     "host loads it (by default from the folder qvdfx is in).\n"
     "\n"
     "commands:\n"
+    "  info [--json]\n"
+    "      the library, its interface version, the processor's features, the\n"
+    "      instruction-set level kernels are chosen at, and the variant each\n"
+    "      kernel family runs\n"
     "  list [--kind audio|control|all] [--json]\n"
     "      registered plugins in registry order: key, name, channels, flags\n"
     "  params PLUGIN [--json]\n"
@@ -78,6 +82,10 @@ const char* kHelp =
     "\n"
     "options:\n"
     "  --library PATH   load the plugin library from PATH\n"
+    "  --isa LEVEL      choose kernels as if the processor offered only LEVEL:\n"
+    "                   none, sse2, sse4.1, avx, avx2 or auto (the default), to\n"
+    "                   reproduce a result of a lesser processor\n"
+    "  QVD_ISA          environment: the same as --isa, for any host\n"
     "  --quiet          no progress bar (it only shows on a terminal anyway)\n"
     "  QVDFX_LOG_LEVEL  environment: plugins' debug log level (0 to 3) to stderr\n"
     "\n"
@@ -130,6 +138,32 @@ struct Buffers {
 };
 
 // ---- list ----
+
+int commandInfo(qvd::PluginInterface& registry, const std::string& libraryPath, Arguments args)
+{
+    bool json = false;
+    while (!args.done()) {
+        const std::string a = args.take();
+        if (a == "--json")
+            json = true;
+        else
+            args.unexpected(a);
+    }
+    std::map<std::string, std::string> info = registry.systemInfo();
+    info["library"] = libraryPath;
+    info["interface version"] = std::to_string(registry.interfaceVersion());
+    std::string out = json ? "{" : "";
+    bool first = true;
+    for (const auto& [key, value] : info) {
+        if (json)
+            out += std::string(first ? "" : ",") + "\n  \"" + jsonEscape(key) + "\": \"" + jsonEscape(value) + "\"";
+        else
+            out += key + ": " + value + "\n";
+        first = false;
+    }
+    std::fputs((json ? out + "\n}\n" : out).c_str(), stdout);
+    return kExitOk;
+}
 
 int commandList(qvd::PluginInterface& registry, Arguments args)
 {
@@ -667,10 +701,12 @@ int qvdfx::runCommandLine(std::vector<std::string> words)
     try {
         // Options before the command, for every command.
         std::string libraryPath = PluginLibrary::defaultPath();
-        while (!words.empty() && words[0] == "--library") {
+        std::string isa;
+        while (!words.empty() && (words[0] == "--library" || words[0] == "--isa")) {
             if (words.size() < 2)
-                fail(kExitUsage, "--library needs a path to the plugin library");
-            libraryPath = words[1];
+                fail(kExitUsage, words[0] == "--isa" ? "--isa needs a level: none, sse2, sse4.1, avx, avx2 or auto"
+                                                     : "--library needs a path to the plugin library");
+            (words[0] == "--isa" ? isa : libraryPath) = words[1];
             words.erase(words.begin(), words.begin() + 2);
         }
         if (words.empty()) {
@@ -683,8 +719,8 @@ int qvdfx::runCommandLine(std::vector<std::string> words)
         }
         const std::string command = words[0];
         words.erase(words.begin());
-        static const char* const kCommands[] = {"list", "params", "process", "gen", "demo", "bench", "panel",
-                                                "response"};
+        static const char* const kCommands[] = {"info", "list", "params", "process", "gen", "demo", "bench",
+                                                "panel", "response"};
         if (std::find(std::begin(kCommands), std::end(kCommands), command) == std::end(kCommands))
             fail(kExitUsage, "unknown command '" + command + "' (see 'qvdfx --help')");
         Arguments args(command, words);
@@ -698,6 +734,10 @@ int qvdfx::runCommandLine(std::vector<std::string> words)
         library.registry()->setHostContext(nullptr);
         library.registry()->setHostServices(&services);
         qvd::PluginInterface& registry = *library.registry();
+        if (!isa.empty() && !registry.forceInstructionSet(isa.c_str()))
+            fail(kExitUsage, "--isa: unknown level '" + isa + "' (none, sse2, sse4.1, avx, avx2 or auto)");
+        if (command == "info")
+            return commandInfo(registry, library.path(), std::move(args));
         if (command == "list")
             return commandList(registry, std::move(args));
         if (command == "params")

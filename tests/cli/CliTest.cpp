@@ -236,6 +236,28 @@ TEST_F(CliTest, BypassIsBitExact)
     EXPECT_EQ(std::memcmp(out.samples.data(), in.samples.data(), in.samples.size() * sizeof(float)), 0);
 }
 
+// A forced instruction-set level is reported and, for bit-exact kernels,
+// reproduces the fast result exactly: what a user on a lesser processor hears.
+TEST_F(CliTest, InfoReportsTheKernelsAndIsaForcesALevel)
+{
+    const Result info = qvdfx("--isa none info", true);
+    ASSERT_EQ(info.status, 0) << info.output;
+    EXPECT_NE(info.output.find("instruction set: none"), std::string::npos) << info.output;
+    EXPECT_NE(info.output.find("kernel Gain: ref"), std::string::npos) << info.output;
+    EXPECT_NE(qvdfx("info", true).output.find("processor: "), std::string::npos);
+    EXPECT_EQ(qvdfx("--isa avx9 info").status, 2);
+
+    gen("in.wav", "--signal pink --seconds 0.3 --channels 6");
+    const std::string eq = " -p Gain --set GAIN=-4 -p \"Tarnwick EQ\" --set BAND_GAIN_2=6 --set BAND_GAIN_4=-5";
+    ASSERT_EQ(qvdfx("process " + path("in.wav") + " " + path("fast.wav") + eq).status, 0);
+    ASSERT_EQ(qvdfx("--isa none process " + path("in.wav") + " " + path("ref.wav") + eq).status, 0);
+    ASSERT_EQ(run("QVD_ISA=sse2 " + kQvdfx + " process " + path("in.wav") + " " + path("sse2.wav") + eq).status, 0);
+    const Audio fast = readAudio(path("fast.wav"));
+    ASSERT_FALSE(fast.samples.empty());
+    EXPECT_EQ(fast.samples, readAudio(path("ref.wav")).samples);
+    EXPECT_EQ(fast.samples, readAudio(path("sse2.wav")).samples);
+}
+
 TEST_F(CliTest, AChainEqualsItsStepsRunOneAfterTheOther)
 {
     gen("in.wav", "--signal sweep --freq 50 --seconds 0.4 --channels 2");
