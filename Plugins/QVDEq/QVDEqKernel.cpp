@@ -1,7 +1,6 @@
 #include "QVDEqKernel.h"
 
-#include <Algorithms/KernelReport.h>
-#include <System/twa_cpuinfo_x86.h>
+#include <QVDKernelFamily.h>
 
 #include <Algorithms/BiQuad.h>
 
@@ -47,24 +46,9 @@ void fusedChannel(const KernelArgs& args, std::int32_t ch, std::int32_t firstBan
     }
 }
 
-namespace {
-constexpr Variant kVariants[] = {
-    {"m256", twa::IsaNeed::AVX, &twa::HasAVX, &m256::kernel},
-    {"m128", twa::IsaNeed::SSE2, &twa::HasSSE2, &m128::kernel},
-    {"ref", twa::IsaNeed::None, &twa::Always, &kernel_ref},
-};
-[[maybe_unused]] const bool g_reported =
-    twa::numeric::RegisterKernelFamily("Tarnwick EQ", [] { return selectKernel().name; });
-} // namespace
-
-std::span<const Variant> variants() noexcept
-{
-    return kVariants;
-}
-
-const Variant& selectKernel() noexcept
-{
-    return twa::ChooseVariant(variants());
-}
+QVD_KERNEL_FAMILY("Tarnwick EQ",
+                  {"m256", twa::IsaNeed::AVX, &twa::HasAVX, &m256::kernel},
+                  {"m128", twa::IsaNeed::SSE2, &twa::HasSSE2, &m128::kernel},
+                  {"ref", twa::IsaNeed::None, &twa::Always, &kernel_ref})
 
 } // namespace qvd::eq

@@ -3,8 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include <Algorithms/KernelReport.h>
-#include <System/twa_cpuinfo_x86.h>
+#include <QVDKernelFamily.h>
 
 namespace qvd::gain {
 
@@ -65,24 +64,9 @@ void kernel_ref(const KernelArgs& args) noexcept
         scalarChannel(args, c, 0);
 }
 
-namespace {
-constexpr Variant kVariants[] = {
-    {"m256", twa::IsaNeed::AVX, &twa::HasAVX, &m256::kernel},
-    {"m128", twa::IsaNeed::SSE2, &twa::HasSSE2, &m128::kernel},
-    {"ref", twa::IsaNeed::None, &twa::Always, &kernel_ref},
-};
-[[maybe_unused]] const bool g_reported =
-    twa::numeric::RegisterKernelFamily("Gain", [] { return selectKernel().name; });
-} // namespace
-
-std::span<const Variant> variants() noexcept
-{
-    return kVariants;
-}
-
-const Variant& selectKernel() noexcept
-{
-    return twa::ChooseVariant(variants());
-}
+QVD_KERNEL_FAMILY("Gain",
+                  {"m256", twa::IsaNeed::AVX, &twa::HasAVX, &m256::kernel},
+                  {"m128", twa::IsaNeed::SSE2, &twa::HasSSE2, &m128::kernel},
+                  {"ref", twa::IsaNeed::None, &twa::Always, &kernel_ref})
 
 } // namespace qvd::gain
