@@ -58,6 +58,38 @@ void forEachGroup(const KernelArgs& args, int group, void (*run)(const KernelArg
         run(args, first, std::min(group, args.channels - first));
 }
 
+void splitSettled(const KernelArgs& args, SettledFn settled, KernelFn gliding) noexcept
+{
+    constexpr int kGroup = 64;
+    const float* in[kGroup];
+    float* out[kGroup];
+    double state[kGroup], bt[kGroup];
+    float peak[kGroup];
+    int channel[kGroup];
+    for (int first = 0; first < args.channels; first += kGroup) {
+        int n = 0;
+        for (int c = first; c < std::min(first + kGroup, args.channels); ++c) {
+            if (args.a * args.state[c] + args.bt[c] == args.state[c]) {
+                settled(args.inputs[c], args.outputs[c], args.frames, args.state[c], args.peak[c]);
+                continue;
+            }
+            in[n] = args.inputs[c];
+            out[n] = args.outputs[c];
+            state[n] = args.state[c];
+            bt[n] = args.bt[c];
+            peak[n] = args.peak[c];
+            channel[n++] = c;
+        }
+        if (n == 0)
+            continue;
+        gliding({in, out, n, args.frames, args.a, bt, state, peak, args.padIn, args.padOut});
+        for (int i = 0; i < n; ++i) {
+            args.state[channel[i]] = state[i];
+            args.peak[channel[i]] = peak[i];
+        }
+    }
+}
+
 void kernel_ref(const KernelArgs& args) noexcept
 {
     for (std::int32_t c = 0; c < args.channels; ++c)

@@ -51,6 +51,13 @@ void scatterLanes(const KernelArgs& args, int first, int channels, const Lanes& 
 // Calls run(args, first, count) for groups of at most `group` channels.
 void forEachGroup(const KernelArgs& args, int group, void (*run)(const KernelArgs&, int, int) noexcept) noexcept;
 
+// A channel whose state is at the recursion's fixed point (a * s + bt == s,
+// exactly, in double) keeps that state for good: its output is x * s, which
+// `settled` computes without the recursion, bit for bit. The others go to
+// `gliding` as a compacted set of channels.
+using SettledFn = void (*)(const float* in, float* out, std::int32_t frames, double state, float& peak) noexcept;
+void splitSettled(const KernelArgs& args, SettledFn settled, KernelFn gliding) noexcept;
+
 using Variant = twa::FunctionVariant<KernelFn>;
 // Widest first, the reference last.
 std::span<const Variant> variants() noexcept;

@@ -31,7 +31,8 @@ struct Fixture {
                 x = d(rng) * 0.1f;
             pointers.push_back(ch.data());
         }
-        // A block at the old gain, then a change: the rest of the run glides.
+        // A block at the old gain, then a change: the state glides for about a
+        // second of audio, then sits at its fixed point, the common case.
         float* const* io = pointers.data();
         instance->getAudioInterface()->process(nullptr, io, io, kFrames);
         instance->setParameter(0, -6.0f);

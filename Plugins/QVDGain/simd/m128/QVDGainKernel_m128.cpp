@@ -70,11 +70,43 @@ void run(const KernelArgs& args, int first, int channels) noexcept
     }
     scatterLanes(args, first, channels, l, vectorFrames);
 }
+void glide(const KernelArgs& args) noexcept
+{
+    forEachGroup(args, kMaxTiles * kLanes, &run);
+}
+
+// out = float(double(x) * s), four frames at a time.
+void settled(const float* in, float* out, std::int32_t frames, double state, float& peak) noexcept
+{
+    const __m128d s = _mm_set1_pd(state);
+    const __m128 absMask = _mm_castsi128_ps(_mm_set1_epi32(0x7fffffff));
+    __m128 p = _mm_setzero_ps();
+    std::int32_t n = 0;
+    for (; n + 4 <= frames; n += 4) {
+        const __m128 x = _mm_loadu_ps(in + n);
+        // max(|x|, peak) keeps the peak when x is NaN.
+        p = _mm_max_ps(_mm_and_ps(x, absMask), p);
+        const __m128 lo = _mm_cvtpd_ps(_mm_mul_pd(_mm_cvtps_pd(x), s));
+        const __m128 hi = _mm_cvtpd_ps(_mm_mul_pd(_mm_cvtps_pd(_mm_movehl_ps(x, x)), s));
+        _mm_storeu_ps(out + n, _mm_movelh_ps(lo, hi));
+    }
+    alignas(16) float lanes[4];
+    _mm_store_ps(lanes, p);
+    for (const float l : lanes)
+        peak = l > peak ? l : peak;
+    for (; n < frames; ++n) {
+        const float x = in[n];
+        const float ax = x < 0.0f ? -x : x;
+        peak = ax > peak ? ax : peak;
+        out[n] = static_cast<float>(static_cast<double>(x) * state);
+    }
+}
 } // namespace
 
 void kernel(const KernelArgs& args) noexcept
 {
-    forEachGroup(args, kMaxTiles * kLanes, &run);
+    splitSettled(args, &settled, &glide);
 }
+
 
 } // namespace qvd::gain::m128

@@ -75,11 +75,43 @@ void run(const KernelArgs& args, int first, int channels) noexcept
     }
     scatterLanes(args, first, channels, l, vectorFrames);
 }
+
+void glide(const KernelArgs& args) noexcept
+{
+    forEachGroup(args, kMaxTiles * kLanes, &run);
+}
+
+// out = float(double(x) * s), eight frames at a time.
+void settled(const float* in, float* out, std::int32_t frames, double state, float& peak) noexcept
+{
+    const __m256d s = _mm256_set1_pd(state);
+    const __m256 absMask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+    __m256 p = _mm256_setzero_ps();
+    std::int32_t n = 0;
+    for (; n + 8 <= frames; n += 8) {
+        const __m256 x = _mm256_loadu_ps(in + n);
+        // max(|x|, peak) keeps the peak when x is NaN.
+        p = _mm256_max_ps(_mm256_and_ps(x, absMask), p);
+        const __m128 lo = _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_cvtps_pd(_mm256_castps256_ps128(x)), s));
+        const __m128 hi = _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_cvtps_pd(_mm256_extractf128_ps(x, 1)), s));
+        _mm256_storeu_ps(out + n, _mm256_insertf128_ps(_mm256_castps128_ps256(lo), hi, 1));
+    }
+    alignas(32) float lanes[8];
+    _mm256_store_ps(lanes, p);
+    for (const float l : lanes)
+        peak = l > peak ? l : peak;
+    for (; n < frames; ++n) {
+        const float x = in[n];
+        const float ax = x < 0.0f ? -x : x;
+        peak = ax > peak ? ax : peak;
+        out[n] = static_cast<float>(static_cast<double>(x) * state);
+    }
+}
 } // namespace
 
 void kernel(const KernelArgs& args) noexcept
 {
-    forEachGroup(args, kMaxTiles * kLanes, &run);
+    splitSettled(args, &settled, &glide);
 }
 
 } // namespace qvd::gain::m256
