@@ -539,6 +539,9 @@ TEST_F(CliTest, DemoAndBenchRun)
     EXPECT_EQ(at96.value("rate").toInt(), 96000);
     EXPECT_GT(at96.value("results").toArray()[0].toObject().value("ns_per_frame").toDouble(), 0.0);
     EXPECT_EQ(qvdfx("bench Reverb --rate 0", true).status, 2);
+    // Settings reach the benched plugin, and a name it lacks is refused.
+    EXPECT_EQ(qvdfx("bench \"Tarnwick EQ\" --set BAND_IN_0=On --set BAND_GAIN_0=3 --seconds 0.05", true).status, 0);
+    EXPECT_EQ(qvdfx("bench Gain --set NO_SUCH=1 --seconds 0.05", true).status, 4);
 }
 
 TEST_F(CliTest, RangeEndsAreAcceptedAsParamsPrintsThem)
