@@ -318,6 +318,9 @@ TEST(BiQuadThreads, PublishedSetsAreNeverTorn)
     const BiQuadCoefficients a = q.designed();
     q.setParameter(BiQuad::FREQ, 10000.0f);
     const BiQuadCoefficients b = q.designed();
+    // Picked up before the writer starts: a read that meets a write in
+    // progress keeps this set, never an older one.
+    ASSERT_TRUE(sameSet(q.acquire(), b));
     std::atomic<bool> stop{false};
     std::thread writer([&] {
         for (int i = 0; i < 200000; ++i)
