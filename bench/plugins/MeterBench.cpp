@@ -1,0 +1,17 @@
+// Meters on stereo noise. The loudness meter with true peak on is judged by
+// 15 ns a stereo frame.
+#include "PluginBenchDriver.h"
+
+namespace {
+
+void BM_LoudnessMeter(benchmark::State& state)
+{
+    const bool truePeak = state.range(1) != 0;
+    qvd::bench::PluginBenchDriver meter("Loudness Meter:1364610125", static_cast<int>(state.range(0)), 0.5f);
+    meter.set(1, truePeak ? 1.0f : 0.0f); // true peak
+    meter.run(state);
+    state.SetLabel(truePeak ? "true peak" : "no true peak");
+}
+BENCHMARK(BM_LoudnessMeter)->Args({2, 1})->Args({2, 0})->Args({6, 1});
+
+} // namespace
