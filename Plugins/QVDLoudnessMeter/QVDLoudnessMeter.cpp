@@ -4,7 +4,6 @@
 #include <cmath>
 #include <limits>
 
-#include <Algorithms/Resample/TruePeak_ref.h>
 #include <QVDPeakMeter.h>
 
 QVD_REGISTER_AUDIO_PLUGIN(QVDLoudnessMeter)
@@ -62,8 +61,6 @@ QVDLoudnessMeter::QVDLoudnessMeter(const QVDPluginDescriptor* descriptor, void* 
     addReadout(QStringLiteral("History"), QStringLiteral("LUFS"), kHistorySeconds);
 }
 
-QVDLoudnessMeter::~QVDLoudnessMeter() = default;
-
 void QVDLoudnessMeter::parameterChanged(std::uint32_t index, float value)
 {
     if (std::isnan(value))
@@ -88,8 +85,7 @@ bool QVDLoudnessMeter::prepareProcessing()
     // Rounded as the reference meters do at rates that are not multiples of 10 Hz.
     m_step = std::max<std::int32_t>(1, (sampleRate() + 5) / 10);
     updateWeights();
-    if (!buildTruePeak())
-        return false;
+    m_truePeaks.build(std::min(activeInputs(), kMaxChannels));
     clearAll();
     return true;
 }
@@ -97,7 +93,8 @@ bool QVDLoudnessMeter::prepareProcessing()
 bool QVDLoudnessMeter::channelCountsChanged()
 {
     updateWeights();
-    return buildTruePeak();
+    m_truePeaks.build(std::min(activeInputs(), kMaxChannels));
+    return true;
 }
 
 void QVDLoudnessMeter::updateWeights()
@@ -116,17 +113,6 @@ void QVDLoudnessMeter::updateWeights()
     }
 }
 
-bool QVDLoudnessMeter::buildTruePeak()
-{
-    // Built whole first, then swapped in: a refusal leaves the old ones running.
-    const std::int32_t active = std::clamp(activeInputs(), 1, kMaxChannels);
-    std::vector<std::unique_ptr<twa::numeric::TruePeakImpl>> truePeaks;
-    for (std::int32_t c = 0; c < active; ++c)
-        truePeaks.push_back(twa::numeric::CreateTruePeak(1));
-    m_truePeaks.swap(truePeaks);
-    return true;
-}
-
 void QVDLoudnessMeter::clearWindows() noexcept
 {
     for (KWeightingState& s : m_states)
@@ -137,8 +123,7 @@ void QVDLoudnessMeter::clearWindows() noexcept
     m_stepPos = 0;
     m_windowSteps = 0;
     m_momentary = m_shortTerm = kMinusInf;
-    for (auto& truePeak : m_truePeaks)
-        truePeak->Reset();
+    m_truePeaks.reset();
 }
 
 void QVDLoudnessMeter::clearAll() noexcept
@@ -249,16 +234,12 @@ void QVDLoudnessMeter::render(const QVDBlock& block) noexcept
 
     const bool truePeak = m_truePeakOn.load(std::memory_order_relaxed);
     if (truePeak && !m_truePeakWasOn)
-        for (auto& tp : m_truePeaks)
-            tp->Reset(); // history from before it was switched off is stale
+        m_truePeaks.reset(); // history from before it was switched off is stale
     m_truePeakWasOn = truePeak;
     if (truePeak) {
-        const std::int32_t n = std::min(measured, static_cast<std::int32_t>(m_truePeaks.size()));
-        for (std::int32_t c = 0; c < n; ++c) {
-            const float p = m_truePeaks[static_cast<std::size_t>(c)]->Process(frames, block.outputs[c]);
+        for (std::int32_t c = 0; c < measured; ++c) {
             float& level = m_truePeakLevels[static_cast<std::size_t>(c)];
-            if (std::isfinite(p))
-                level = std::max(level, p);
+            level = std::max(level, m_truePeaks.process(c, block.outputs[c], frames));
         }
     }
     publish();

@@ -11,16 +11,12 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <vector>
 
+#include <Algorithms/ChannelTruePeaks.h>
 #include <Algorithms/KWeighting.h>
 #include <Algorithms/LoudnessGating.h>
 #include <QVDEffect.h>
-
-namespace twa::numeric {
-class TruePeakImpl;
-}
 
 class QVDLoudnessMeter : public QVDEffect<QVDLoudnessMeter> {
     Q_OBJECT
@@ -48,7 +44,6 @@ public:
     static std::vector<QVDParam> parameterRows();
 
     QVDLoudnessMeter(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
-    ~QVDLoudnessMeter() override;
 
 protected:
     void parameterChanged(std::uint32_t index, float value) override;
@@ -59,7 +54,6 @@ protected:
     void resumeAfterBypass() noexcept override { clearWindows(); }
 
 private:
-    bool buildTruePeak();
     void updateWeights();
     void clearWindows() noexcept;
     void clearAll() noexcept;
@@ -75,7 +69,7 @@ private:
     KWeightingCoefficients m_filter;
     std::int32_t m_step = 4800; // frames per 100 ms
     std::array<double, kMaxChannels> m_weights{};
-    std::vector<std::unique_ptr<twa::numeric::TruePeakImpl>> m_truePeaks;
+    ChannelTruePeaks m_truePeaks;
 
     // Audio thread only.
     std::uint32_t m_resetsSeen = 0;

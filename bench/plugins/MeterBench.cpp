@@ -20,4 +20,10 @@ void BM_PhaseMeter(benchmark::State& state)
 }
 BENCHMARK(BM_PhaseMeter);
 
+void BM_Meter(benchmark::State& state)
+{
+    qvd::bench::PluginBenchDriver("Meter:1364610405", static_cast<int>(state.range(0)), 0.5f).run(state);
+}
+BENCHMARK(BM_Meter)->Arg(2)->Arg(36);
+
 } // namespace
