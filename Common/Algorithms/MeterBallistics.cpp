@@ -28,26 +28,26 @@ double burstReading(const MeterBallistics& m, double rate, double seconds)
 
 } // namespace
 
-MeterBallistics MeterBallistics::design(const MeterBallisticSpec& spec, double sampleRate)
+MeterBallistics MeterBallistics::design(const MeterStandard& standard, double sampleRate)
 {
     MeterBallistics m;
-    m.kind = spec.kind;
-    if (spec.kind != MeterBallisticSpec::kPeak) {
-        const double tau = spec.integrationMs / 1000.0 / kTwoPoleSettle;
+    m.kind = standard.kind;
+    if (standard.kind != MeterStandard::kPeak) {
+        const double tau = standard.integrationMs / 1000.0 / kTwoPoleSettle;
         m.pole = 1.0 - std::exp(-1.0 / (tau * sampleRate));
         // An average meter reads a sine at its RMS level.
-        m.gainDb = (spec.kind == MeterBallisticSpec::kAverage ? 20.0 * std::log10(M_PI / (2.0 * std::sqrt(2.0))) : 0.0)
-                 - spec.referenceDb;
+        m.gainDb = (standard.kind == MeterStandard::kAverage ? 20.0 * std::log10(M_PI / (2.0 * std::sqrt(2.0))) : 0.0)
+                 - standard.referenceDb;
         return m;
     }
-    m.release = std::pow(10.0, -spec.returnDb / 20.0 / (spec.returnSeconds * sampleRate));
-    m.gainDb = -spec.referenceDb;
-    if (spec.integrationMs <= 0.0)
+    m.release = std::pow(10.0, -standard.returnDb / 20.0 / (standard.returnSeconds * sampleRate));
+    m.gainDb = -standard.referenceDb;
+    if (standard.integrationMs <= 0.0)
         return m;
     // The burst reading rises with the attack share: bisect for the one that
     // reads 2 dB under the steady tone at the end of the burst.
     const double target = std::pow(10.0, -2.0 / 20.0);
-    const double burst = spec.integrationMs / 1000.0;
+    const double burst = standard.integrationMs / 1000.0;
     double lo = 0.0, hi = 1.0;
     for (int i = 0; i < 30; ++i) {
         m.attack = 0.5 * (lo + hi);

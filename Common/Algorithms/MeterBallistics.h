@@ -7,7 +7,7 @@
 #include <cmath>
 #include <cstdint>
 
-struct MeterBallisticSpec {
+struct MeterStandard {
     enum Kind : std::int32_t { kPeak, kAverage, kPower };
     Kind kind = kPeak;
     // Peak: the length of a tone burst that reads 2 dB under the steady
@@ -22,7 +22,7 @@ struct MeterBallisticSpec {
 };
 
 struct MeterBallistics {
-    MeterBallisticSpec::Kind kind = MeterBallisticSpec::kPeak;
+    MeterStandard::Kind kind = MeterStandard::kPeak;
     double attack = 1.0;  // peak: share of the distance to the rectified sample
     double release = 1.0; // peak: factor a sample while falling
     double pole = 0.0;    // average and power: the sections' smoothing share
@@ -30,7 +30,7 @@ struct MeterBallistics {
 
     // [not while processing] Peak attacks are fitted to the burst reading by
     // simulation, as the charging only runs while the signal is above the reading.
-    static MeterBallistics design(const MeterBallisticSpec& spec, double sampleRate);
+    static MeterBallistics design(const MeterStandard& standard, double sampleRate);
 
     // Running state of one channel: `b` is the reading in the meter's own domain.
     struct State {
@@ -40,11 +40,11 @@ struct MeterBallistics {
     // [audio-thread]
     void step(State& s, double x) const noexcept
     {
-        if (kind == MeterBallisticSpec::kPeak) {
+        if (kind == MeterStandard::kPeak) {
             const double r = std::fabs(x);
             s.b = r > s.b ? s.b + attack * (r - s.b) : s.b * release;
         } else {
-            const double in = kind == MeterBallisticSpec::kPower ? x * x : std::fabs(x);
+            const double in = kind == MeterStandard::kPower ? x * x : std::fabs(x);
             s.a += pole * (in - s.a);
             s.b += pole * (s.a - s.b);
         }
@@ -54,6 +54,6 @@ struct MeterBallistics {
     {
         if (!(b > 0.0))
             return -HUGE_VAL;
-        return (kind == MeterBallisticSpec::kPower ? 10.0 : 20.0) * std::log10(b) + gainDb;
+        return (kind == MeterStandard::kPower ? 10.0 : 20.0) * std::log10(b) + gainDb;
     }
 };

@@ -10,22 +10,22 @@ QVD_REGISTER_AUDIO_PLUGIN(QVDMeter)
 
 namespace {
 
-using Spec = MeterBallisticSpec;
+using Standard = MeterStandard;
 
 // In the order of QVDMeter::Ballistics. PPM integration times are the
 // -2 dB burst lengths of IEC 60268-10; VU and K-system meters settle in 300 ms.
-const Spec kSpecs[] = {
-    {.kind = Spec::kPeak, .integrationMs = 0.0, .returnDb = 20.0, .returnSeconds = 1.7},
-    {.kind = Spec::kPeak, .integrationMs = 10.0, .returnDb = 24.0, .returnSeconds = 2.8},
-    {.kind = Spec::kPeak, .integrationMs = 10.0, .returnDb = 24.0, .returnSeconds = 2.8},
-    {.kind = Spec::kPeak, .integrationMs = 5.0, .returnDb = 20.0, .returnSeconds = 1.5},
-    {.kind = Spec::kPeak, .integrationMs = 5.0, .returnDb = 20.0, .returnSeconds = 1.7},
-    {.kind = Spec::kAverage, .integrationMs = 300.0},
-    {.kind = Spec::kPower, .integrationMs = 300.0, .referenceDb = -12.0},
-    {.kind = Spec::kPower, .integrationMs = 300.0, .referenceDb = -14.0},
-    {.kind = Spec::kPower, .integrationMs = 300.0, .referenceDb = -20.0},
+const Standard kStandards[] = {
+    {.kind = Standard::kPeak, .integrationMs = 0.0, .returnDb = 20.0, .returnSeconds = 1.7},
+    {.kind = Standard::kPeak, .integrationMs = 10.0, .returnDb = 24.0, .returnSeconds = 2.8},
+    {.kind = Standard::kPeak, .integrationMs = 10.0, .returnDb = 24.0, .returnSeconds = 2.8},
+    {.kind = Standard::kPeak, .integrationMs = 5.0, .returnDb = 20.0, .returnSeconds = 1.5},
+    {.kind = Standard::kPeak, .integrationMs = 5.0, .returnDb = 20.0, .returnSeconds = 1.7},
+    {.kind = Standard::kAverage, .integrationMs = 300.0},
+    {.kind = Standard::kPower, .integrationMs = 300.0, .referenceDb = -12.0},
+    {.kind = Standard::kPower, .integrationMs = 300.0, .referenceDb = -14.0},
+    {.kind = Standard::kPower, .integrationMs = 300.0, .referenceDb = -20.0},
 };
-static_assert(std::size(kSpecs) == QVDMeter::kBallisticsCount);
+static_assert(std::size(kStandards) == QVDMeter::kBallisticsCount);
 
 // A sine's RMS reads as its peak level under the AES convention.
 const double kAesOffsetDb = 10.0 * std::log10(2.0);
@@ -87,7 +87,7 @@ void QVDMeter::parameterChanged(std::uint32_t index, float value)
 bool QVDMeter::prepareProcessing()
 {
     for (std::size_t i = 0; i < m_designs.size(); ++i)
-        m_designs[i] = MeterBallistics::design(kSpecs[i], sampleRate());
+        m_designs[i] = MeterBallistics::design(kStandards[i], sampleRate());
     m_rmsPoleMs = 0.0f;
     m_truePeaks.build(std::min(activeInputs(), kMaxChannels));
     clearReadings();

@@ -14,7 +14,7 @@ namespace {
 
 const std::string kKey = "Loudness Meter:1364610125";
 
-struct Part {
+struct Segment {
     double dBFS; // per-channel sine peak, or noise RMS below
     double seconds;
 };
@@ -24,12 +24,12 @@ double fromDb(double db)
     return std::pow(10.0, db / 20.0);
 }
 
-// 1 kHz sine parts on every channel, continuous phase across the parts.
-Signal sineParts(int channels, double rate, std::initializer_list<Part> parts)
+// 1 kHz sine segments on every channel, continuous phase across them.
+Signal sineSegments(int channels, double rate, std::initializer_list<Segment> segments)
 {
     Signal s(static_cast<std::size_t>(channels));
     std::size_t n = 0;
-    for (const Part& p : parts) {
+    for (const Segment& p : segments) {
         const auto frames = static_cast<std::size_t>(std::lround(p.seconds * rate));
         const double a = fromDb(p.dBFS);
         for (std::size_t i = 0; i < frames; ++i, ++n) {
@@ -54,14 +54,14 @@ Reading measure(const Signal& in, double rate, unsigned split = 0)
     return {readout(f, "Momentary"), readout(f, "Short-Term"), readout(f, "Integrated"), readout(f, "Loudness Range")};
 }
 
-double integratedOf(std::initializer_list<Part> parts)
+double integratedOf(std::initializer_list<Segment> segments)
 {
-    return measure(sineParts(2, 48000.0, parts), 48000.0).integrated;
+    return measure(sineSegments(2, 48000.0, segments), 48000.0).integrated;
 }
 
-double rangeOf(std::initializer_list<Part> parts)
+double rangeOf(std::initializer_list<Segment> segments)
 {
-    return measure(sineParts(2, 48000.0, parts), 48000.0).range;
+    return measure(sineSegments(2, 48000.0, segments), 48000.0).range;
 }
 
 } // namespace
@@ -97,7 +97,7 @@ TEST(LoudnessMeter, KWeightingMatchesThePublishedSectionsAndHoldsAtOtherRates)
 TEST(LoudnessMeter, SteadySinesReadTheirLoudnessOnAllThreeScales)
 {
     for (const double level : {-23.0, -33.0}) {
-        const Reading r = measure(sineParts(2, 48000.0, {{level, 20.0}}), 48000.0, 7);
+        const Reading r = measure(sineSegments(2, 48000.0, {{level, 20.0}}), 48000.0, 7);
         EXPECT_NEAR(r.momentary, level, 0.1);
         EXPECT_NEAR(r.shortTerm, level, 0.1);
         EXPECT_NEAR(r.integrated, level, 0.1);
@@ -116,7 +116,7 @@ TEST(LoudnessMeter, GatesKeepQuietPartsOutOfTheIntegratedLoudness)
 TEST(LoudnessMeter, SurroundChannelsCountMoreAndTheLfeNotAtAll)
 {
     const double rate = 48000.0;
-    const Signal one = sineParts(1, rate, {{0.0, 20.0}});
+    const Signal one = sineSegments(1, rate, {{0.0, 20.0}});
     auto scaled = [&](double db) {
         std::vector<float> ch = one[0];
         for (float& x : ch)
@@ -169,14 +169,14 @@ TEST(LoudnessMeter, ResetStartsAFreshMeasurementAndTheTargetSetsTheDeviation)
     const double rate = 48000.0;
     PluginFixture f(kKey);
     ASSERT_TRUE(f.prepare(rate, 480, 2));
-    f.run(sineParts(2, rate, {{-10, 10}}));
+    f.run(sineSegments(2, rate, {{-10, 10}}));
     EXPECT_NEAR(readout(f, "Integrated"), -10.0, 0.1);
     f.set("RESET", 1.0f);
-    f.run(sineParts(2, rate, {{-30, 10}}));
+    f.run(sineSegments(2, rate, {{-30, 10}}));
     EXPECT_NEAR(readout(f, "Integrated"), -30.0, 0.1);
     EXPECT_NEAR(readout(f, "Deviation"), -7.0, 0.1) << "against the default -23 LUFS";
     f.set("TARGET", 2.0f);
-    f.run(sineParts(2, rate, {{-30, 0.1}}));
+    f.run(sineSegments(2, rate, {{-30, 0.1}}));
     EXPECT_NEAR(readout(f, "Deviation"), -16.0, 0.1) << "against -14 LUFS";
     EXPECT_NEAR(readout(f, "Max Short-Term"), -30.0, 0.1);
 
@@ -187,21 +187,21 @@ TEST(LoudnessMeter, ResetStartsAFreshMeasurementAndTheTargetSetsTheDeviation)
     EXPECT_EQ(history[history.size() - 11], -std::numeric_limits<double>::infinity()) << "before the reset";
 }
 
-// Noise in parts of different levels with pauses under the absolute gate, at
+// Noise in segments of different levels with pauses under the absolute gate, at
 // several rates and channel counts, measured by the plugin and by libebur128.
-// The reference takes a short-term value each second where the current range
-// specification asks for ten, so its range differs by up to a few tenths on
+// The reference takes a short-term value each second where EBU Tech 3342 (2016)
+// asks for ten, so its range differs by up to a few tenths on
 // programmes that change level every few seconds; levels that hold for
 // several windows give both the same distribution.
 TEST(LoudnessMeter, AgreesWithAnIndependentImplementation)
 {
-    const std::vector<Part> parts = {{-20, 9}, {-200, 1.5}, {-30, 9}, {-80, 1}, {-24, 9}, {-45, 2}, {-18, 6}};
+    const std::vector<Segment> segments = {{-20, 9}, {-200, 1.5}, {-30, 9}, {-80, 1}, {-24, 9}, {-45, 2}, {-18, 6}};
     for (const double rate : {44100.0, 48000.0, 96000.0}) {
         for (const int channels : {1, 2, 6}) {
             std::mt19937 rng(static_cast<unsigned>(rate) + static_cast<unsigned>(channels));
             std::normal_distribution<float> gauss(0.0f, 1.0f);
             Signal in(static_cast<std::size_t>(channels));
-            for (const Part& p : parts) {
+            for (const Segment& p : segments) {
                 const auto frames = static_cast<std::size_t>(p.seconds * rate);
                 const auto a = static_cast<float>(fromDb(p.dBFS));
                 for (auto& ch : in)

@@ -14,12 +14,12 @@ constexpr int kBlock = 16; // a third of a millisecond between readings
 std::vector<double> trace(PluginFixture& f, const Signal& in, const std::string& readoutName = "Level")
 {
     std::vector<double> values;
-    Signal part(in.size());
+    Signal slice(in.size());
     for (std::size_t at = 0; at + kBlock <= in[0].size(); at += kBlock) {
         for (std::size_t c = 0; c < in.size(); ++c)
-            part[c].assign(in[c].begin() + static_cast<std::ptrdiff_t>(at),
+            slice[c].assign(in[c].begin() + static_cast<std::ptrdiff_t>(at),
                            in[c].begin() + static_cast<std::ptrdiff_t>(at + kBlock));
-        f.run(part);
+        f.run(slice);
         values.push_back(readout(f, readoutName));
     }
     return values;

@@ -56,11 +56,11 @@ TEST(PhaseMeter, IntegrationTimeSetsHowFastTheReadingFollows)
             x = -x;
         double crossed = -1.0;
         for (std::size_t block = 0; block * 48 + 48 <= frames && crossed < 0.0; ++block) {
-            Signal part(2);
+            Signal slice(2);
             for (int c = 0; c < 2; ++c)
-                part[c].assign(tone[c].begin() + static_cast<std::ptrdiff_t>(block * 48),
+                slice[c].assign(tone[c].begin() + static_cast<std::ptrdiff_t>(block * 48),
                                tone[c].begin() + static_cast<std::ptrdiff_t>(block * 48 + 48));
-            f.run(part);
+            f.run(slice);
             if (readout(f, "Correlation") <= 0.0)
                 crossed = static_cast<double>(block + 1) * 48 / kRate * 1000.0;
         }
