@@ -84,7 +84,6 @@ bool QVDLoudnessMeter::prepareProcessing()
     m_filter = KWeighting::design(rate);
     // Rounded as the reference meters do at rates that are not multiples of 10 Hz.
     m_step = std::max<std::int32_t>(1, (sampleRate() + 5) / 10);
-    updateWeights();
     m_truePeaks.build(std::min(activeInputs(), kMaxChannels));
     clearAll();
     return true;
@@ -92,14 +91,13 @@ bool QVDLoudnessMeter::prepareProcessing()
 
 bool QVDLoudnessMeter::channelCountsChanged()
 {
-    updateWeights();
     m_truePeaks.build(std::min(activeInputs(), kMaxChannels));
     return true;
 }
 
-void QVDLoudnessMeter::updateWeights()
+void QVDLoudnessMeter::updateWeights(std::int32_t format) noexcept
 {
-    const std::int32_t format = inputFormat();
+    m_weightsFormat = format;
     for (std::int32_t c = 0; c < kMaxChannels; ++c) {
         double w = 1.0;
         switch (qvd::channelRole(format, c)) {
@@ -220,6 +218,9 @@ void QVDLoudnessMeter::render(const QVDBlock& block) noexcept
         m_resetsSeen = m_resetRequests.load(std::memory_order_relaxed);
         clearAll();
     }
+    // A layout can change without its channel count, and no hook says so.
+    if (inputFormat() != m_weightsFormat)
+        updateWeights(inputFormat());
     const std::int32_t channels = std::min(block.channels, kMaxChannels);
     const auto frames = static_cast<std::size_t>(block.frames);
     for (std::int32_t c = 0; c < block.channels; ++c) {

@@ -54,7 +54,7 @@ protected:
     void resumeAfterBypass() noexcept override { clearWindows(); }
 
 private:
-    void updateWeights();
+    void updateWeights(std::int32_t format) noexcept;
     void clearWindows() noexcept;
     void clearAll() noexcept;
     void measure(const float* const* channels, std::int32_t count, std::int32_t frames) noexcept;
@@ -68,10 +68,11 @@ private:
     // Set outside processing.
     KWeightingCoefficients m_filter;
     std::int32_t m_step = 4800; // frames per 100 ms
-    std::array<double, kMaxChannels> m_weights{};
     ChannelTruePeaks m_truePeaks;
 
     // Audio thread only.
+    std::int32_t m_weightsFormat = -1;
+    std::array<double, kMaxChannels> m_weights{};
     std::uint32_t m_resetsSeen = 0;
     bool m_truePeakWasOn = true;
     std::array<KWeightingState, kMaxChannels> m_states{};

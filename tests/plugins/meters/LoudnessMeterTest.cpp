@@ -130,6 +130,16 @@ TEST(LoudnessMeter, SurroundChannelsCountMoreAndTheLfeNotAtAll)
     // 5.1: the same plus a full-scale LFE, which must change nothing.
     const Signal six = {scaled(-28), scaled(-28), scaled(-24), scaled(0), scaled(-30), scaled(-30)};
     EXPECT_NEAR(measure(six, rate).integrated, -23.0, 0.1);
+
+    // Six discrete channels have no LFE and no surrounds: all count alike.
+    PluginFixture f(kKey);
+    ASSERT_TRUE(f.prepare(rate, 512, 6));
+    ASSERT_TRUE(f.audio()->setChannelFormats(qvd::discreteFormat(6), qvd::discreteFormat(6)));
+    f.run(six);
+    double energy = 0.0;
+    for (const double db : {-28.0, -28.0, -24.0, 0.0, -30.0, -30.0})
+        energy += std::pow(10.0, (db - 3.01) / 10.0); // one channel of this sine reads 3 dB under its level
+    EXPECT_NEAR(readout(f, "Integrated"), 10.0 * std::log10(energy), 0.1);
 }
 
 TEST(LoudnessMeter, LoudnessRangeSpansTheLevelsOfTheProgramme)
