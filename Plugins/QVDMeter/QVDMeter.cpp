@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <mutex>
+#include <utility>
 
 #include <QVDPeakMeter.h>
 
@@ -29,6 +31,23 @@ static_assert(std::size(kStandards) == QVDMeter::kBallisticsCount);
 
 // A sine's RMS reads as its peak level under the AES convention.
 const double kAesOffsetDb = 10.0 * std::log10(2.0);
+
+// Fitting the peak attacks takes milliseconds; instances at one rate share the fit.
+std::array<MeterBallistics, QVDMeter::kBallisticsCount> designsFor(std::int32_t rate)
+{
+    using Designs = std::array<MeterBallistics, QVDMeter::kBallisticsCount>;
+    static std::mutex mutex;
+    static std::vector<std::pair<std::int32_t, Designs>> fitted;
+    const std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& [r, designs] : fitted)
+        if (r == rate)
+            return designs;
+    Designs designs;
+    for (std::size_t i = 0; i < designs.size(); ++i)
+        designs[i] = MeterBallistics::design(kStandards[i], rate);
+    fitted.emplace_back(rate, designs);
+    return designs;
+}
 
 float decibels(double linear)
 {
@@ -86,8 +105,7 @@ void QVDMeter::parameterChanged(std::uint32_t index, float value)
 
 bool QVDMeter::prepareProcessing()
 {
-    for (std::size_t i = 0; i < m_designs.size(); ++i)
-        m_designs[i] = MeterBallistics::design(kStandards[i], sampleRate());
+    m_designs = designsFor(sampleRate());
     m_rmsPoleMs = 0.0f;
     m_truePeaks.build(std::min(activeInputs(), kMaxChannels));
     clearReadings();
