@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <thread>
 
 #include <System/twa_assert.h>
 
@@ -211,19 +212,22 @@ std::int32_t QVDAudioPluginImpl::readReadout(std::int32_t index, double* values,
     if (!values)
         return r.size;
     const std::int32_t n = std::clamp(capacity, 0, r.size);
-    // A sequence lock: copy, and copy again if the audio thread wrote meanwhile.
-    // It publishes once a block, so a second try almost never comes.
-    for (int attempt = 0; attempt < 1000; ++attempt) {
+    // A sequence lock: copy, and copy again if the audio thread wrote
+    // meanwhile. Only this reader ever waits, never the audio thread; it
+    // publishes once a block, so a second try rarely comes.
+    for (unsigned attempt = 1;; ++attempt) {
         const std::uint32_t before = r.sequence.load(std::memory_order_acquire);
-        if (before & 1u)
-            continue;
-        for (std::int32_t i = 0; i < n; ++i)
-            values[i] = r.values[static_cast<std::size_t>(i)].load(std::memory_order_relaxed);
-        std::atomic_thread_fence(std::memory_order_acquire);
-        if (r.sequence.load(std::memory_order_relaxed) == before)
-            break;
+        if (!(before & 1u)) {
+            for (std::int32_t i = 0; i < n; ++i)
+                values[i] = r.values[static_cast<std::size_t>(i)].load(std::memory_order_relaxed);
+            std::atomic_thread_fence(std::memory_order_acquire);
+            if (r.sequence.load(std::memory_order_relaxed) == before)
+                return r.size;
+        }
+        // A writer descheduled halfway through: let it finish.
+        if (attempt % 64 == 0)
+            std::this_thread::yield();
     }
-    return r.size;
 }
 
 std::int32_t QVDAudioPluginImpl::parameterText(std::int32_t index, float value, char* text, std::int32_t capacity) const
