@@ -31,6 +31,12 @@ struct Catalog {
 
 const Catalog& catalog();
 
+// One control port change on its way to the worker thread.
+struct ParameterChange {
+    std::uint32_t slot;
+    float value;
+};
+
 const void* featureData(const LV2_Feature* const* features, const char* uri)
 {
     for (auto f = features; f && *f; ++f) {
@@ -96,6 +102,7 @@ LV2_Handle instantiate(const LV2_Descriptor* descriptor, double rate, const char
     self->map = static_cast<LV2_URID_Map*>(const_cast<void*>(featureData(features, LV2_URID__map)));
     self->blockLength =
         blockLengthFrom(static_cast<const LV2_Options_Option*>(featureData(features, LV2_OPTIONS__options)), self->map);
+    self->worker = static_cast<LV2_Worker_Schedule*>(const_cast<void*>(featureData(features, LV2_WORKER__schedule)));
     if (self->map)
         self->atomFloat = self->map->map(self->map->handle, LV2_ATOM__Float);
     self->inputs.assign(static_cast<std::size_t>(v.inputs), nullptr);
@@ -138,10 +145,39 @@ void connectPort(LV2_Handle handle, uint32_t port, void* data)
     }
 }
 
+// A port's new value reaches the plugin: directly where the caller may set
+// parameters, else through the worker. False when the worker has no room,
+// so the change is tried again at the next run.
+bool applyControl(Lv2Plugin& self, std::size_t slot, float value, bool mayCallSetter)
+{
+    if (std::isnan(value))
+        return true;
+    if (mayCallSetter || !self.worker) {
+        self.plugin->setParameter(self.parameterIndex[slot], value);
+        return true;
+    }
+    const ParameterChange change{static_cast<std::uint32_t>(slot), value};
+    return self.worker->schedule_work(self.worker->handle, sizeof change, &change) == LV2_WORKER_SUCCESS;
+}
+
+void applyControls(Lv2Plugin& self, bool mayCallSetter)
+{
+    for (std::size_t k = 0; k < self.controls.size(); ++k) {
+        const float* port = self.controls[k];
+        if (!port || bitsOf(*port) == self.seen[k])
+            continue;
+        if (applyControl(self, k, *port, mayCallSetter))
+            self.seen[k] = bitsOf(*port);
+    }
+}
+
 void activate(LV2_Handle handle)
 {
     auto* self = static_cast<Lv2Plugin*>(handle);
     const Variant& v = *self->variant;
+    // Values the host put in the ports before activating are applied here,
+    // before the reset that prepare arms, so they hold from the first frame.
+    applyControls(*self, true);
     // Smoothing on, as live automation needs; settings made before the first
     // run still start exact, since the reset at that run lands on them.
     const qvd::PrepareConfig config{v.inputs ? v.layout->format : qvd::kFormatNone, v.layout->format, 1, 0};
@@ -157,19 +193,8 @@ void activate(LV2_Handle handle)
     self->block.position = 0;
 }
 
-void applyControls(Lv2Plugin& self)
+void applyBypass(Lv2Plugin& self)
 {
-    for (std::size_t k = 0; k < self.controls.size(); ++k) {
-        const float* port = self.controls[k];
-        if (!port)
-            continue;
-        const std::uint32_t bits = bitsOf(*port);
-        if (bits == self.seen[k])
-            continue;
-        self.seen[k] = bits;
-        if (!std::isnan(*port))
-            self.plugin->setParameter(self.parameterIndex[k], *port);
-    }
     const bool bypass = self.enabled && !(*self.enabled > 0.0f);
     if (bypass != self.bypassed) {
         self.bypassed = bypass;
@@ -226,7 +251,9 @@ void run(LV2_Handle handle, uint32_t sampleCount)
 {
     auto& self = *static_cast<Lv2Plugin*>(handle);
     const auto frames = static_cast<std::int32_t>(std::min<uint32_t>(sampleCount, INT32_MAX));
-    applyControls(self);
+    // Without a worker (lv2apply, ffmpeg: offline hosts) the setters run here.
+    applyControls(self, false);
+    applyBypass(self);
     if (!self.prepared) {
         for (float* out : self.outputs)
             if (out)
@@ -290,10 +317,32 @@ LV2_State_Status restoreState(LV2_Handle handle, LV2_State_Retrieve_Function ret
     return LV2_STATE_SUCCESS;
 }
 
+LV2_Worker_Status work(LV2_Handle handle, LV2_Worker_Respond_Function, LV2_Worker_Respond_Handle, uint32_t size,
+                       const void* data)
+{
+    auto& self = *static_cast<Lv2Plugin*>(handle);
+    ParameterChange change;
+    if (size != sizeof change)
+        return LV2_WORKER_ERR_UNKNOWN;
+    std::memcpy(&change, data, sizeof change);
+    if (change.slot >= self.parameterIndex.size())
+        return LV2_WORKER_ERR_UNKNOWN;
+    self.plugin->setParameter(self.parameterIndex[change.slot], change.value);
+    return LV2_WORKER_SUCCESS;
+}
+
+LV2_Worker_Status workResponse(LV2_Handle, uint32_t, const void*)
+{
+    return LV2_WORKER_SUCCESS;
+}
+
 const void* extensionData(const char* uri)
 {
     static const LV2_State_Interface state{saveState, restoreState};
-    return std::strcmp(uri, LV2_STATE__interface) == 0 ? &state : nullptr;
+    static const LV2_Worker_Interface worker{work, workResponse, nullptr};
+    if (std::strcmp(uri, LV2_STATE__interface) == 0)
+        return &state;
+    return std::strcmp(uri, LV2_WORKER__interface) == 0 ? &worker : nullptr;
 }
 
 Catalog::Catalog()

@@ -7,6 +7,7 @@
 
 #include <lv2/core/lv2.h>
 #include <lv2/urid/urid.h>
+#include <lv2/worker/worker.h>
 
 #include <qvd/qvd.h>
 
@@ -56,6 +57,9 @@ struct Lv2Plugin {
 
     qvd::BlockRecord block;
     LV2_URID_Map* map = nullptr;
+    // Parameter setters are [control-thread]: run() hands changes to the
+    // host's worker thread when there is one.
+    LV2_Worker_Schedule* worker = nullptr;
     LV2_URID atomFloat = 0;
 };
 

@@ -20,7 +20,8 @@ const char* const kPrefixes =
     "@prefix state: <http://lv2plug.in/ns/ext/state#> .\n"
     "@prefix ui: <http://lv2plug.in/ns/extensions/ui#> .\n"
     "@prefix units: <http://lv2plug.in/ns/extensions/units#> .\n"
-    "@prefix urid: <http://lv2plug.in/ns/ext/urid#> .\n\n";
+    "@prefix urid: <http://lv2plug.in/ns/ext/urid#> .\n"
+    "@prefix work: <http://lv2plug.in/ns/ext/worker#> .\n\n";
 
 std::string quoted(const std::string& text)
 {
@@ -121,9 +122,10 @@ void writeVariant(std::string& out, const Variant& v, const BundleNames& names)
 {
     writeGroups(out, v);
     out += "<" + v.uri + ">\n\ta lv2:Plugin ;\n\tdoap:name " + quoted(v.name) +
-           " ;\n\tlv2:optionalFeature lv2:hardRTCapable , opts:options , bufsz:boundedBlockLength , urid:map"
+           " ;\n\tlv2:optionalFeature lv2:hardRTCapable , opts:options , bufsz:boundedBlockLength , urid:map ,"
+           " work:schedule"
            " ;\n\topts:supportedOption bufsz:maxBlockLength , bufsz:nominalBlockLength"
-           " ;\n\tlv2:extensionData state:interface";
+           " ;\n\tlv2:extensionData state:interface , work:interface";
     if (v.inputs > 0)
         out += " ;\n\tpg:mainInput " + groupUri(v, "in");
     out += " ;\n\tpg:mainOutput " + groupUri(v, "out");

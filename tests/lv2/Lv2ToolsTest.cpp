@@ -1,0 +1,186 @@
+// The bundle seen by Debian's own LV2 tools: lilv's lv2ls, lv2info and
+// lv2apply, and sord_validate with the LV2 schemas (lv2_validate). Each runs
+// in its own process with LV2_PATH set to the build tree's bundle only.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include <sndfile.h>
+
+#include <gtest/gtest.h>
+
+#include "Lv2Fixture.h"
+
+namespace qvdtest {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Output {
+    int status = -1;
+    std::string out, err;
+};
+
+std::string slurp(const fs::path& path)
+{
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+fs::path scratchDir()
+{
+    static const fs::path dir = [] {
+        fs::path d = fs::temp_directory_path() / ("qvd-lv2-tools-" + std::to_string(getpid()));
+        fs::create_directories(d);
+        return d;
+    }();
+    return dir;
+}
+
+Output shell(const std::string& command)
+{
+    const fs::path out = scratchDir() / "stdout", err = scratchDir() / "stderr";
+    const std::string line = "LV2_PATH='" + bundleDir() + ":/usr/lib/lv2' " + command + " >'" + out.string() +
+                             "' 2>'" + err.string() + "'";
+    Output o;
+    const int raw = std::system(line.c_str());
+    o.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    o.out = slurp(out);
+    o.err = slurp(err);
+    return o;
+}
+
+std::string quote(const std::string& s)
+{
+    return "'" + s + "'";
+}
+
+TEST(Lv2Tools, Lv2lsListsEveryVariantAndWarnsAboutNothing)
+{
+    const Output ls = shell("lv2ls");
+    ASSERT_EQ(ls.status, 0) << ls.err;
+    EXPECT_EQ(ls.err, "");
+    std::set<std::string> listed, expected;
+    std::istringstream lines(ls.out);
+    for (std::string uri; std::getline(lines, uri);)
+        listed.insert(uri);
+    for (const auto& v : catalog())
+        expected.insert(v.uri);
+    EXPECT_EQ(listed, expected);
+}
+
+TEST(Lv2Tools, Lv2infoShowsEveryPortWithoutWarnings)
+{
+    for (const auto& v : catalog()) {
+        const Output info = shell("lv2info " + quote(v.uri));
+        ASSERT_EQ(info.status, 0) << v.uri << ": " << info.err;
+        EXPECT_EQ(info.err, "") << v.uri;
+        EXPECT_NE(info.out.find("Name:              " + v.name), std::string::npos) << v.uri;
+        const auto latencyPort = std::find_if(v.ports.begin(), v.ports.end(),
+                                              [](const auto& p) { return p.role == qvd::lv2::PortRole::Latency; });
+        EXPECT_NE(info.out.find("reported by port " + std::to_string(latencyPort - v.ports.begin())), std::string::npos)
+            << v.uri;
+        for (std::size_t i = 0; i < v.ports.size(); ++i) {
+            const std::string port = "\tPort " + std::to_string(i) + ":\n";
+            const auto at = info.out.find(port);
+            ASSERT_NE(at, std::string::npos) << v.uri << " port " << i;
+            EXPECT_NE(info.out.find("Symbol:      " + v.ports[i].symbol + "\n", at), std::string::npos)
+                << v.uri << " port " << i;
+        }
+        EXPECT_EQ(info.out.find("\tPort " + std::to_string(v.ports.size()) + ":\n"), std::string::npos) << v.uri;
+    }
+}
+
+TEST(Lv2Tools, TurtleIsValidAgainstTheLv2Schemas)
+{
+    std::string files;
+    for (const auto& entry : fs::directory_iterator(fs::path(bundleDir()) / "qvd.lv2"))
+        if (entry.path().extension() == ".ttl")
+            files += " " + quote(entry.path().string());
+    const Output check = shell("lv2_validate" + files);
+    EXPECT_EQ(check.status, 0) << check.out << check.err;
+    EXPECT_NE((check.out + check.err).find("Found 0 errors"), std::string::npos) << check.out << check.err;
+}
+
+TEST(Lv2Tools, WrapperExportsOnlyTheDescriptor)
+{
+    const Output nm = shell("nm -D --defined-only " + quote(bundleDir() + "/qvd.lv2/qvd-lv2.so"));
+    ASSERT_EQ(nm.status, 0) << nm.err;
+    std::istringstream lines(nm.out);
+    std::string exported;
+    for (std::string line; std::getline(lines, line);)
+        exported += line.substr(line.rfind(' ') + 1) + " ";
+    EXPECT_EQ(exported, "lv2_descriptor ");
+}
+
+Signal readWav(const fs::path& path)
+{
+    SF_INFO info{};
+    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
+    if (!f)
+        return {};
+    std::vector<float> interleaved(static_cast<std::size_t>(info.frames * info.channels));
+    sf_readf_float(f, interleaved.data(), info.frames);
+    sf_close(f);
+    Signal s(static_cast<std::size_t>(info.channels), std::vector<float>(static_cast<std::size_t>(info.frames)));
+    for (std::size_t i = 0; i < s[0].size(); ++i)
+        for (std::size_t c = 0; c < s.size(); ++c)
+            s[c][i] = interleaved[i * s.size() + c];
+    return s;
+}
+
+class Lv2Apply : public ::testing::TestWithParam<std::string> {};
+
+// lv2apply runs one frame per call and does not compensate latency; qvdfx
+// runs blocks of 512 and does. Shifted by the reported latency, the two must
+// agree bit for bit, with every parameter moved off its default.
+TEST_P(Lv2Apply, GivesTheSamplesOfQvdfxProcess)
+{
+    const auto& v = variant(GetParam());
+    const auto settings = offDefaultSettings(v);
+    for (const int rate : {48000, 96000}) {
+        const fs::path dir = scratchDir() / testName({GetParam(), 0});
+        fs::create_directories(dir);
+        const fs::path in = dir / "in.wav", viaLv2 = dir / "lv2apply.wav", viaQvdfx = dir / "qvdfx.wav";
+        const std::string qvdfx = quote(QVDFX_PATH);
+        const Output gen = shell(qvdfx + " gen " + quote(in) + " --signal pink --seconds 0.4 --rate " +
+                                 std::to_string(rate) + " --channels " + std::to_string(v.inputs) + " --seed 3");
+        ASSERT_EQ(gen.status, 0) << gen.err;
+        std::string controls, sets;
+        for (const auto& [info, value] : settings) {
+            char text[32];
+            std::snprintf(text, sizeof text, "%.9g", static_cast<double>(value));
+            controls += " -c " + qvd::lv2::parameterSymbol(info->identifier) + " " + text;
+            sets += " --set " + quote(info->identifier + "=" + text);
+        }
+        const Output apply = shell("lv2apply -i " + quote(in) + " -o " + quote(viaLv2) + controls + " " + quote(v.uri));
+        ASSERT_EQ(apply.status, 0) << apply.err;
+        EXPECT_EQ(apply.err, "");
+        const Output process = shell(qvdfx + " process " + quote(in) + " " + quote(viaQvdfx) + " -p " + quote(v.key) +
+                                     sets + " --quiet");
+        ASSERT_EQ(process.status, 0) << process.err;
+
+        const auto latency = static_cast<std::size_t>(directLatency(v, rate));
+        Signal lv2 = readWav(viaLv2), reference = readWav(viaQvdfx);
+        ASSERT_EQ(lv2.size(), static_cast<std::size_t>(v.outputs));
+        ASSERT_EQ(reference.size(), lv2.size());
+        for (std::size_t c = 0; c < lv2.size(); ++c) {
+            ASSERT_GT(lv2[c].size(), latency);
+            lv2[c].erase(lv2[c].begin(), lv2[c].begin() + static_cast<long>(latency));
+            reference[c].resize(lv2[c].size());
+        }
+        EXPECT_EQ(firstDifference(lv2, reference), "") << rate << " Hz, latency " << latency;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Bundle, Lv2Apply, allVariants(), testName);
+
+} // namespace
+} // namespace qvdtest
