@@ -187,6 +187,8 @@ void Lv2Instance::run(std::uint32_t frames)
     lilv_instance_run(m_instance, frames);
     if (afterRun)
         afterRun();
+    if (m_jobCount == 0)
+        return;
     const auto* worker = static_cast<const LV2_Worker_Interface*>(extension(LV2_WORKER__interface));
     for (std::size_t i = 0; i < m_jobCount; ++i) {
         auto& job = m_jobs[i];
