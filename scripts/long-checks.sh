@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The long pass: the conformance harness with the long matrix and 1000
-# sequences per plugin, then 30 minutes per fuzz target. Prints the same
-# per-gate figures as the test command.
+# sequences per plugin, every LV2 plugin running in jalv on a JACK server
+# (dummy backend) and the LV2 wrapper benchmark, then 30 minutes per fuzz
+# target. Prints the same per-gate figures as the test command.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/setup.sh || exit 1
@@ -11,5 +12,39 @@ LD_PRELOAD=build/release/tests/conformance/libqvd_rtcheck.so \
   build/release/tests/conformance/qvd_conformance --library build/release/bin/libQVDAudioPlugins.so \
   --needed tests/conformance/needed.txt --long "$@" | grep -E '^(FAIL|gate|process calls|cold|conformance)'
 status=${PIPESTATUS[0]}
+
+# Each LV2 plugin in jalv, a real-time JACK host, for a few seconds: a click
+# track at -6 dBFS peak goes into every input and the input meters must read
+# it. jackd runs at 96 kHz (where the reverb reports latency) with the dummy
+# backend, so no sound card is needed.
+lv2_in_jalv() {
+  local bundles=$PWD/build/release/bin/lv2 jackd_pid metro_pid failed=0 uri out inputs
+  export LV2_PATH=$bundles
+  jackd --no-realtime -n qvd-long -d dummy -r 96000 -p 256 >/dev/null 2>&1 &
+  jackd_pid=$!
+  export JACK_DEFAULT_SERVER=qvd-long
+  jack_wait -w -t 10 >/dev/null || { echo "FAIL lv2 jalv: jackd -d dummy did not start"; kill "$jackd_pid"; return 1; }
+  jack_metro -n metro -b 600 -f 1000 -A 0.5 -D 99 -a 1 -d 1 >/dev/null 2>&1 &
+  metro_pid=$!
+  for uri in $(lv2ls); do
+    inputs=$(lv2info "$uri" | grep -A1 'AudioPort' | grep -c 'InputPort' || true)
+    out=$( (sleep 1
+            for n in $(seq 1 "$inputs"); do jack_connect metro:600_bpm "qvdjalv:in_$n"; done
+            sleep 3; echo monitors; sleep 1) | timeout 20 jalv -x -n qvdjalv "$uri" 2>&1)
+    if grep -qE '^(> )?meter_input_1 = -6\.0[0-9]' <<<"$out" && ! grep -q 'meter_input_.* = -100' <<<"$out"; then
+      echo "lv2 jalv $uri: ran, inputs metered at -6.02 dB, $(grep -oE 'latency = [0-9.]+' <<<"$out")"
+    else
+      echo "FAIL lv2 jalv $uri:"; tail -5 <<<"$out"
+      failed=1
+    fi
+  done
+  kill "$metro_pid" "$jackd_pid" 2>/dev/null
+  wait "$metro_pid" "$jackd_pid" 2>/dev/null
+  return "$failed"
+}
+echo "== LV2 in jalv"
+lv2_in_jalv || status=1
+echo "== LV2 wrapper cost over direct calls"
+build/release/bench/lv2/lv2_bench --benchmark_counters_tabular=true 2>/dev/null | grep Lv2Wrapper
 QVD_GATES="tsan fuzz" QVD_FUZZ_SECONDS=${QVD_FUZZ_SECONDS:-1800} ./scripts/test.sh || status=1
 exit "$status"
