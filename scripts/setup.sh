@@ -14,9 +14,9 @@ packages=(
   clang-19 libclang-rt-19-dev
   fontconfig fonts-dejavu-core
   # LV2 test tools only (never linked into what ships): lilv for the test
-  # host, lv2ls/lv2info/lv2apply, sord_validate behind lv2_validate, and
-  # jalv with a JACK server for the long pass
-  liblilv-dev lilv-utils sordi jalv jackd2
+  # host, lv2ls/lv2info/lv2apply, sord_validate behind lv2_validate, ffmpeg
+  # for its lv2 filter, and jalv with a JACK server for the long pass
+  liblilv-dev lilv-utils sordi jalv jackd2 ffmpeg
 )
 
 missing=()

@@ -1,5 +1,6 @@
 // The bundle seen by Debian's own LV2 tools: lilv's lv2ls, lv2info and
-// lv2apply, and sord_validate with the LV2 schemas (lv2_validate). Each runs
+// lv2apply, ffmpeg's lv2 filter, and sord_validate with the LV2 schemas
+// (lv2_validate). Each runs
 // in its own process with LV2_PATH set to the build tree's bundle only.
 #include <sys/wait.h>
 #include <unistd.h>
@@ -138,45 +139,64 @@ Signal readWav(const fs::path& path)
 
 class Lv2Apply : public ::testing::TestWithParam<std::string> {};
 
-// lv2apply runs one frame per call and does not compensate latency; qvdfx
-// runs blocks of 512 and does. Shifted by the reported latency, the two must
-// agree bit for bit, with every parameter moved off its default.
-TEST_P(Lv2Apply, GivesTheSamplesOfQvdfxProcess)
+// lv2apply runs one frame per call and ffmpeg's lv2 filter whole frames of
+// its own; neither compensates latency. qvdfx runs blocks of 512 and does.
+// Shifted by the reported latency, they must agree bit for bit, with every
+// parameter moved off its default.
+TEST_P(Lv2Apply, LilvAndFfmpegGiveTheSamplesOfQvdfxProcess)
 {
     const auto& v = variant(GetParam());
     const auto settings = offDefaultSettings(v);
+    std::string lv2applyControls, ffmpegControls, qvdfxSettings;
+    for (const auto& [info, value] : settings) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%.9g", static_cast<double>(value));
+        const std::string symbol = qvd::lv2::parameterSymbol(info->identifier);
+        lv2applyControls += " -c " + symbol + " " + text;
+        ffmpegControls += (ffmpegControls.empty() ? "" : "|") + symbol + "=" + text;
+        qvdfxSettings += " --set " + quote(info->identifier + "=" + text);
+    }
+    // Colons separate filter options: escaped once for the option parser and
+    // once for the graph parser, then once more for the shell's double quotes.
+    std::string escapedUri;
+    for (const char c : v.uri)
+        escapedUri += c == ':' ? std::string(R"(\\\\:)") : std::string(1, c);
+
     for (const int rate : {48000, 96000}) {
-        const fs::path dir = scratchDir() / testName({GetParam(), 0});
+        const fs::path dir = scratchDir() / (testName({GetParam(), 0}) + "-" + std::to_string(rate));
         fs::create_directories(dir);
-        const fs::path in = dir / "in.wav", viaLv2 = dir / "lv2apply.wav", viaQvdfx = dir / "qvdfx.wav";
+        const fs::path in = dir / "in.wav", viaQvdfx = dir / "qvdfx.wav";
         const std::string qvdfx = quote(QVDFX_PATH);
         const Output gen = shell(qvdfx + " gen " + quote(in) + " --signal pink --seconds 0.4 --rate " +
                                  std::to_string(rate) + " --channels " + std::to_string(v.inputs) + " --seed 3");
         ASSERT_EQ(gen.status, 0) << gen.err;
-        std::string controls, sets;
-        for (const auto& [info, value] : settings) {
-            char text[32];
-            std::snprintf(text, sizeof text, "%.9g", static_cast<double>(value));
-            controls += " -c " + qvd::lv2::parameterSymbol(info->identifier) + " " + text;
-            sets += " --set " + quote(info->identifier + "=" + text);
-        }
-        const Output apply = shell("lv2apply -i " + quote(in) + " -o " + quote(viaLv2) + controls + " " + quote(v.uri));
-        ASSERT_EQ(apply.status, 0) << apply.err;
-        EXPECT_EQ(apply.err, "");
         const Output process = shell(qvdfx + " process " + quote(in) + " " + quote(viaQvdfx) + " -p " + quote(v.key) +
-                                     sets + " --quiet");
+                                     qvdfxSettings + " --quiet");
         ASSERT_EQ(process.status, 0) << process.err;
-
+        const Signal reference = readWav(viaQvdfx);
+        ASSERT_EQ(reference.size(), static_cast<std::size_t>(v.outputs));
         const auto latency = static_cast<std::size_t>(directLatency(v, rate));
-        Signal lv2 = readWav(viaLv2), reference = readWav(viaQvdfx);
-        ASSERT_EQ(lv2.size(), static_cast<std::size_t>(v.outputs));
-        ASSERT_EQ(reference.size(), lv2.size());
-        for (std::size_t c = 0; c < lv2.size(); ++c) {
-            ASSERT_GT(lv2[c].size(), latency);
-            lv2[c].erase(lv2[c].begin(), lv2[c].begin() + static_cast<long>(latency));
-            reference[c].resize(lv2[c].size());
+
+        const std::vector<std::pair<std::string, std::string>> hosts = {
+            {"lv2apply", "lv2apply -i " + quote(in) + " -o " + quote(dir / "lv2apply.wav") + lv2applyControls + " " +
+                             quote(v.uri)},
+            {"ffmpeg", "ffmpeg -nostdin -hide_banner -loglevel error -y -i " + quote(in) + " -af \"lv2=plugin=" +
+                           escapedUri + ":controls=" + ffmpegControls + "\" -c:a pcm_f32le " + quote(dir / "ffmpeg.wav")},
+        };
+        for (const auto& [name, command] : hosts) {
+            const Output run = shell(command);
+            ASSERT_EQ(run.status, 0) << name << ": " << run.err;
+            EXPECT_EQ(run.err, "") << name;
+            Signal out = readWav(dir / (name + ".wav"));
+            ASSERT_EQ(out.size(), reference.size()) << name;
+            Signal expected = reference;
+            for (std::size_t c = 0; c < out.size(); ++c) {
+                ASSERT_GT(out[c].size(), latency) << name;
+                out[c].erase(out[c].begin(), out[c].begin() + static_cast<long>(latency));
+                expected[c].resize(out[c].size());
+            }
+            EXPECT_EQ(firstDifference(out, expected), "") << name << " at " << rate << " Hz, latency " << latency;
         }
-        EXPECT_EQ(firstDifference(lv2, reference), "") << rate << " Hz, latency " << latency;
     }
 }
 
