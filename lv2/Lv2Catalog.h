@@ -61,6 +61,9 @@ std::string keySlug(const std::string& key);
 std::string pluginUri(const std::string& key, const Layout& layout);
 // Identifier "QVDEq::BAND_GAIN_0" -> LV2 symbol "BAND_GAIN_0".
 std::string parameterSymbol(const std::string& identifier);
+// The one Qt UI, shared by every plugin that has an editor panel.
+constexpr const char* kUiUri = "urn:qvd:lv2:ui";
+
 // State key of a parameter: "urn:qvd:lv2:parameter:" + identifier.
 std::string stateKey(const std::string& identifier);
 

@@ -130,7 +130,7 @@ void writeVariant(std::string& out, const Variant& v, const BundleNames& names)
         out += " ;\n\tpg:mainInput " + groupUri(v, "in");
     out += " ;\n\tpg:mainOutput " + groupUri(v, "out");
     if (v.hasEditor && !names.uiBinary.empty())
-        out += " ;\n\tui:ui <" + uiUri(v.key) + ">";
+        out += std::string(" ;\n\tui:ui <") + kUiUri + ">";
     out += " ;\n\tlv2:port ";
     for (std::size_t i = 0; i < v.ports.size(); ++i)
         writePort(out, v, v.ports[i], i);
@@ -138,11 +138,6 @@ void writeVariant(std::string& out, const Variant& v, const BundleNames& names)
 }
 
 } // namespace
-
-std::string uiUri(const std::string& key)
-{
-    return "urn:qvd:lv2:" + keySlug(key) + "#ui";
-}
 
 std::string turtleNumber(float value)
 {
@@ -166,7 +161,7 @@ std::map<std::string, std::string> bundleTurtle(const std::vector<Variant>& cata
 {
     std::map<std::string, std::string> files;
     std::string manifest = kPrefixes;
-    std::map<std::string, bool> uiWritten;
+    bool uiWritten = false;
     for (const Variant& v : catalog) {
         const std::string file = keySlug(v.key) + ".ttl";
         auto& text = files[file];
@@ -175,9 +170,9 @@ std::map<std::string, std::string> bundleTurtle(const std::vector<Variant>& cata
         writeVariant(text, v, names);
         manifest += "<" + v.uri + ">\n\ta lv2:Plugin ;\n\tlv2:binary <" + names.binary + "> ;\n\trdfs:seeAlso <" +
                     file + "> .\n\n";
-        if (v.hasEditor && !names.uiBinary.empty() && !uiWritten[v.key]) {
-            uiWritten[v.key] = true;
-            manifest += "<" + uiUri(v.key) + ">\n\ta ui:Qt5UI ;\n\tui:binary <" + names.uiBinary +
+        if (v.hasEditor && !names.uiBinary.empty() && !uiWritten) {
+            uiWritten = true;
+            manifest += std::string("<") + kUiUri + ">\n\ta ui:Qt5UI ;\n\tui:binary <" + names.uiBinary +
                         "> ;\n\tlv2:requiredFeature <http://lv2plug.in/ns/ext/instance-access> .\n\n";
         }
     }

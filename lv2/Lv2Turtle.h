@@ -18,9 +18,6 @@ struct BundleNames {
 // Contents by file name: "manifest.ttl" and "<key slug>.ttl" for each plugin.
 std::map<std::string, std::string> bundleTurtle(const std::vector<Variant>& catalog, const BundleNames& names);
 
-// URI of the editor UI of the plugin with `key`.
-std::string uiUri(const std::string& key);
-
 // A float as a Turtle decimal or double that reads back as the same float.
 std::string turtleNumber(float value);
 
