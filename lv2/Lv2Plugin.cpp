@@ -287,7 +287,11 @@ LV2_State_Status saveState(LV2_Handle handle, LV2_State_Store_Function store, LV
     if (!self.map)
         return LV2_STATE_ERR_NO_FEATURE;
     for (std::size_t k = 0; k < self.parameterIndex.size(); ++k) {
-        const float value = self.plugin->getParameter(self.parameterIndex[k]);
+        // A port moved since the last run (a host saving before its engine
+        // runs) holds the value the plugin is about to take.
+        const float* port = self.controls[k];
+        const bool pending = port && bitsOf(*port) != self.seen[k] && !std::isnan(*port);
+        const float value = pending ? *port : self.plugin->getParameter(self.parameterIndex[k]);
         const LV2_State_Status status = store(state, self.stateKeys[k], &value, sizeof value, self.atomFloat,
                                               LV2_STATE_IS_POD | LV2_STATE_IS_PORTABLE);
         if (status != LV2_STATE_SUCCESS)

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # The long pass: the conformance harness with the long matrix and 1000
-# sequences per plugin, every LV2 plugin running in jalv on a JACK server
-# (dummy backend) and the LV2 wrapper benchmark, then 30 minutes per fuzz
+# sequences per plugin, an LV2 plugin in a session of headless Ardour, every
+# LV2 plugin running in jalv on a JACK server (dummy backend) and the LV2
+# wrapper benchmark, then 30 minutes per fuzz
 # target. Prints the same per-gate figures as the test command.
 set -uo pipefail
 cd "$(dirname "$0")/.."
-./scripts/setup.sh || exit 1
+QVD_SETUP_LONG=1 ./scripts/setup.sh || exit 1
 cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release >/dev/null && cmake --build build/release -j"$(nproc)" || exit 1
 echo "== conformance, long pass"
 LD_PRELOAD=build/release/tests/conformance/libqvd_rtcheck.so \
@@ -42,6 +43,27 @@ lv2_in_jalv() {
   wait "$metro_pid" "$jackd_pid" 2>/dev/null
   return "$failed"
 }
+# Ardour without its GUI: a session with the plugin on a track, a port set,
+# saved (the plugin's state goes in through its state interface) and loaded
+# again in a fresh process.
+lv2_in_ardour() {
+  local dir uri=urn:qvd:lv2:tarnwick-eq-1364608369#stereo saved loaded
+  dir=$(mktemp -d)
+  export LV2_PATH=$PWD/build/release/bin/lv2 QVD_ARDOUR_SESSION=$dir/qvd QVD_ARDOUR_URI=$uri
+  saved=$(QVD_ARDOUR_STEP=save timeout 300 ardour7-lua tests/lv2/ardour-session.lua 2>&1)
+  loaded=$(QVD_ARDOUR_STEP=load timeout 300 ardour7-lua tests/lv2/ardour-session.lua 2>&1)
+  local state
+  state=$(cat "$dir"/qvd/plugins/*/state*/state.ttl 2>/dev/null | grep -c 'urn:qvd:lv2:parameter:' || true)
+  rm -rf "$dir"
+  if grep -q '^saved:' <<<"$saved" && grep -q 'port 10 = 6' <<<"$loaded" && ((state > 0)); then
+    echo "lv2 ardour $uri: $(grep '^saved:' <<<"$saved"), reloaded with port 10 = 6, $state parameters in its state"
+  else
+    echo "FAIL lv2 ardour $uri:"; tail -3 <<<"$saved"; tail -3 <<<"$loaded"
+    return 1
+  fi
+}
+echo "== LV2 in Ardour (headless)"
+lv2_in_ardour || status=1
 echo "== LV2 in jalv"
 lv2_in_jalv || status=1
 echo "== LV2 wrapper cost over direct calls"

@@ -201,6 +201,17 @@ TEST_P(Lv2Variant, StateRestoresEveryParameterByIdentifier)
     Lv2Instance set(host(), GetParam(), 48000, 512);
     apply(set, settings);
     EXPECT_EQ(firstDifference(restored.process(in, {512}), set.process(in, {512})), "");
+
+    // Saved before the next run, a moved port is saved with its new value.
+    const qvd::ParameterInfo* info = settings.front().first;
+    ASSERT_NE(info->maximum, info->defaultValue);
+    restored.set(qvd::lv2::parameterSymbol(info->identifier), info->maximum);
+    StateStore again;
+    ASSERT_EQ(state->save(restored.handle(), StateStore::store, &again, 0, nullptr), LV2_STATE_SUCCESS);
+    float stored;
+    std::memcpy(&stored, again.values.at(host().urids().map(qvd::lv2::stateKey(info->identifier).c_str())).second.data(),
+                sizeof stored);
+    EXPECT_EQ(bitsOf(stored), bitsOf(info->maximum));
 }
 
 TEST_P(Lv2Variant, MetersReadTheInputLevelInDecibels)
