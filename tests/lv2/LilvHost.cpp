@@ -4,7 +4,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <random>
+
+#include <unistd.h>
 
 #include <lv2/atom/atom.h>
 #include <lv2/buf-size/buf-size.h>
@@ -28,10 +31,39 @@ LV2_URID UridMap::map(const char* uri)
     return id;
 }
 
+std::string isolatedLv2Path(const std::string& bundleDir)
+{
+    namespace fs = std::filesystem;
+    // Specification bundles are the ones without a binary; links to them go
+    // in a folder of our own, removed at exit.
+    struct Specs {
+        fs::path dir = fs::temp_directory_path() / ("qvd-lv2-specs-" + std::to_string(getpid()));
+        Specs()
+        {
+            std::error_code ec;
+            fs::create_directories(dir, ec);
+            for (const auto& bundle : fs::directory_iterator("/usr/lib/lv2", ec)) {
+                bool binary = false;
+                for (const auto& file : fs::directory_iterator(bundle.path(), ec))
+                    binary = binary || file.path().extension() == ".so";
+                if (!binary)
+                    fs::create_directory_symlink(bundle.path(), dir / bundle.path().filename(), ec);
+            }
+        }
+        ~Specs()
+        {
+            std::error_code ec;
+            fs::remove_all(dir, ec);
+        }
+    };
+    static const Specs specs;
+    return bundleDir + ":" + specs.dir.string();
+}
+
 LilvHost::LilvHost(const std::string& bundleDir)
 {
     m_world = lilv_world_new();
-    LilvNode* path = lilv_new_string(m_world, (bundleDir + ":/usr/lib/lv2").c_str());
+    LilvNode* path = lilv_new_string(m_world, isolatedLv2Path(bundleDir).c_str());
     lilv_world_set_option(m_world, LILV_OPTION_LV2_PATH, path);
     lilv_node_free(path);
     lilv_world_load_all(m_world);
@@ -70,11 +102,9 @@ Lv2Instance::Lv2Instance(LilvHost& host, const std::string& uri, double rate, st
     LilvNode* control = lilv_new_uri(w, LV2_CORE__ControlPort);
     LilvNode* input = lilv_new_uri(w, LV2_CORE__InputPort);
     const std::uint32_t count = lilv_plugin_get_num_ports(p);
+    std::vector<float> defaults(count);
+    lilv_plugin_get_port_ranges_float(p, nullptr, nullptr, defaults.data());
     m_values.assign(count, 0.0f);
-    m_minimum.assign(count, 0.0f);
-    m_maximum.assign(count, 0.0f);
-    m_default.assign(count, 0.0f);
-    lilv_plugin_get_port_ranges_float(p, m_minimum.data(), m_maximum.data(), m_default.data());
     for (std::uint32_t i = 0; i < count; ++i) {
         const LilvPort* port = lilv_plugin_get_port_by_index(p, i);
         m_symbols[lilv_node_as_string(lilv_port_get_symbol(p, port))] = i;
@@ -83,7 +113,7 @@ Lv2Instance::Lv2Instance(LilvHost& host, const std::string& uri, double rate, st
             (in ? m_audioIn : m_audioOut).push_back(i);
         else if (lilv_port_is_a(p, port, control) && in)
             m_controlIn.push_back(i);
-        m_values[i] = std::isnan(m_default[i]) ? 0.0f : m_default[i];
+        m_values[i] = std::isnan(defaults[i]) ? 0.0f : defaults[i];
     }
     lilv_node_free(audio);
     lilv_node_free(control);
@@ -160,14 +190,6 @@ std::vector<std::string> Lv2Instance::parameterSymbols() const
     return out;
 }
 
-void Lv2Instance::range(const std::string& symbol, float& minimum, float& maximum, float& def) const
-{
-    const std::uint32_t i = m_symbols.at(symbol);
-    minimum = m_minimum[i];
-    maximum = m_maximum[i];
-    def = m_default[i];
-}
-
 void Lv2Instance::connectAudio(float* const* in, float* const* out)
 {
     for (std::size_t c = 0; c < m_audioIn.size(); ++c)
@@ -196,12 +218,6 @@ void Lv2Instance::run(std::uint32_t frames)
         job.resize(job.capacity());
     }
     m_jobCount = 0;
-}
-
-void Lv2Instance::runConnected(float* const* in, float* const* out, std::uint32_t frames)
-{
-    connectAudio(in, out);
-    run(frames);
 }
 
 Signal Lv2Instance::process(const Signal& in, const std::vector<std::uint32_t>& split, Buffers buffers)

@@ -29,10 +29,14 @@ private:
     LV2_URID_Map m_feature;
 };
 
+// An LV2_PATH of `bundleDir` (a folder of *.lv2 bundles) and the LV2
+// specifications installed in /usr/lib/lv2, without the plugins installed
+// beside them, so hosts see our bundle and nothing else.
+std::string isolatedLv2Path(const std::string& bundleDir);
+
 class LilvHost {
 public:
-    // Loads the bundles in `bundleDir` (a folder of *.lv2 bundles) and the
-    // specifications in /usr/lib/lv2, nothing else.
+    // Loads what isolatedLv2Path(bundleDir) holds.
     explicit LilvHost(const std::string& bundleDir);
     ~LilvHost();
     LilvHost(const LilvHost&) = delete;
@@ -72,14 +76,11 @@ public:
     float get(const std::string& symbol) const;
     // Symbols of the control inputs that are plugin parameters (not "enabled").
     std::vector<std::string> parameterSymbols() const;
-    // Range and default of a control port.
-    void range(const std::string& symbol, float& minimum, float& maximum, float& def) const;
 
     // Runs `in` (one vector per audio input; ignored for generators) through
     // the plugin, `split` giving the frames per run call, cycled.
     Signal process(const Signal& in, const std::vector<std::uint32_t>& split, Buffers buffers = Buffers::Separate);
-    // Connects and runs one block of `frames` on fixed buffers; for timing.
-    void runConnected(float* const* in, float* const* out, std::uint32_t frames);
+    // Connects the audio ports to fixed buffers, for run() in a timing loop.
     void connectAudio(float* const* in, float* const* out);
     void run(std::uint32_t frames);
 
@@ -92,7 +93,7 @@ public:
 private:
     LilvInstance* m_instance = nullptr;
     std::vector<std::uint32_t> m_audioIn, m_audioOut, m_controlIn;
-    std::vector<float> m_values, m_minimum, m_maximum, m_default;
+    std::vector<float> m_values;
     std::map<std::string, std::uint32_t> m_symbols;
     std::vector<LV2_Options_Option> m_options;
     std::int32_t m_blockLength = 0;

@@ -37,18 +37,23 @@ std::string slurp(const fs::path& path)
 
 fs::path scratchDir()
 {
-    static const fs::path dir = [] {
-        fs::path d = fs::temp_directory_path() / ("qvd-lv2-tools-" + std::to_string(getpid()));
-        fs::create_directories(d);
-        return d;
-    }();
-    return dir;
+    struct Scratch {
+        fs::path dir = fs::temp_directory_path() / ("qvd-lv2-tools-" + std::to_string(getpid()));
+        Scratch() { fs::create_directories(dir); }
+        ~Scratch()
+        {
+            std::error_code ec;
+            fs::remove_all(dir, ec);
+        }
+    };
+    static const Scratch scratch;
+    return scratch.dir;
 }
 
 Output shell(const std::string& command)
 {
     const fs::path out = scratchDir() / "stdout", err = scratchDir() / "stderr";
-    const std::string line = "LV2_PATH='" + bundleDir() + ":/usr/lib/lv2' " + command + " >'" + out.string() +
+    const std::string line = "LV2_PATH='" + isolatedLv2Path(bundleDir()) + "' " + command + " >'" + out.string() +
                              "' 2>'" + err.string() + "'";
     Output o;
     const int raw = std::system(line.c_str());
