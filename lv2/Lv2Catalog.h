@@ -28,6 +28,9 @@ struct Layout {
 // Mono, stereo, 5.1 and 7.1, in that order.
 const std::vector<Layout>& layouts();
 
+// Each role is one section of the port list and one case in the Turtle
+// writer and the wrapper: named readouts (control outputs) and host side-chain
+// inputs (audio, lv2:isSideChain) join the same way once the library offers them.
 enum class PortRole { AudioIn, AudioOut, Parameter, Enabled, Latency, Meter };
 
 struct Port {
