@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
 
 #include <unistd.h>
@@ -34,8 +36,9 @@ LV2_URID UridMap::map(const char* uri)
 std::string isolatedLv2Path(const std::string& bundleDir)
 {
     namespace fs = std::filesystem;
-    // Specification bundles are the ones without a binary; links to them go
-    // in a folder of our own, removed at exit.
+    // Specification and schema bundles say so in their manifest (plugin bundles, even
+    // half-unpacked ones, do not); links to them go in a folder of our own,
+    // removed at exit.
     struct Specs {
         fs::path dir = fs::temp_directory_path() / ("qvd-lv2-specs-" + std::to_string(getpid()));
         Specs()
@@ -43,10 +46,9 @@ std::string isolatedLv2Path(const std::string& bundleDir)
             std::error_code ec;
             fs::create_directories(dir, ec);
             for (const auto& bundle : fs::directory_iterator("/usr/lib/lv2", ec)) {
-                bool binary = false;
-                for (const auto& file : fs::directory_iterator(bundle.path(), ec))
-                    binary = binary || file.path().extension() == ".so";
-                if (!binary)
+                std::ifstream manifest(bundle.path() / "manifest.ttl");
+                const std::string text{std::istreambuf_iterator<char>(manifest), {}};
+                if (text.find("Specification") != std::string::npos || text.find("owl:Ontology") != std::string::npos)
                     fs::create_directory_symlink(bundle.path(), dir / bundle.path().filename(), ec);
             }
         }

