@@ -173,7 +173,8 @@ std::map<std::string, std::string> bundleTurtle(const std::vector<Variant>& cata
         if (v.hasEditor && !names.uiBinary.empty() && !uiWritten) {
             uiWritten = true;
             manifest += std::string("<") + kUiUri + ">\n\ta ui:Qt5UI ;\n\tui:binary <" + names.uiBinary +
-                        "> ;\n\tlv2:requiredFeature <http://lv2plug.in/ns/ext/instance-access> .\n\n";
+                        "> ;\n\tlv2:requiredFeature <http://lv2plug.in/ns/ext/instance-access>"
+                        " ;\n\tlv2:optionalFeature ui:idleInterface ;\n\tlv2:extensionData ui:idleInterface .\n\n";
         }
     }
     files["manifest.ttl"] = manifest;

@@ -2,6 +2,7 @@
 // lv2apply, ffmpeg's lv2 filter, and sord_validate with the LV2 schemas
 // (lv2_validate). Each runs
 // in its own process with LV2_PATH set to the build tree's bundle only.
+#include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -148,6 +149,29 @@ TEST(Lv2Tools, WrapperExportsOnlyTheDescriptor)
     for (std::string line; std::getline(lines, line);)
         exported += line.substr(line.rfind(' ') + 1) + " ";
     EXPECT_EQ(exported, "lv2_descriptor ");
+}
+
+TEST(Lv2Tools, AMissingLibraryOrBadArgumentsFailClearly)
+{
+    // The wrapper alone, without the library beside it, offers no plugin.
+    const fs::path lonely = scratchDir() / "lonely.lv2";
+    fs::create_directories(lonely);
+    fs::copy_file(bundleDir() + "/qvd.lv2/qvd-lv2.so", lonely / "qvd-lv2.so", fs::copy_options::overwrite_existing);
+    void* wrapper = dlopen((lonely / "qvd-lv2.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(wrapper, nullptr) << dlerror();
+    const auto descriptor = reinterpret_cast<const void* (*)(uint32_t)>(dlsym(wrapper, "lv2_descriptor"));
+    ASSERT_NE(descriptor, nullptr);
+    EXPECT_EQ(descriptor(0), nullptr);
+
+    // The generator names what is wrong and leaves the folder untouched.
+    const Output noLibrary = shell(quote(QVD_LV2_TTL_PATH) + " --library /nonexistent/lib.so --out " +
+                                   quote(lonely) + " --binary qvd-lv2.so");
+    EXPECT_EQ(noLibrary.status, 3);
+    EXPECT_NE(noLibrary.err.find("cannot load /nonexistent/lib.so"), std::string::npos) << noLibrary.err;
+    EXPECT_FALSE(fs::exists(lonely / "manifest.ttl"));
+    const Output usage = shell(quote(QVD_LV2_TTL_PATH) + " --out " + quote(lonely));
+    EXPECT_EQ(usage.status, 2);
+    EXPECT_NE(usage.err.find("usage:"), std::string::npos) << usage.err;
 }
 
 Signal readWav(const fs::path& path)
