@@ -114,8 +114,6 @@ LV2_Handle instantiate(const LV2_Descriptor* descriptor, double rate, const char
             slot = static_cast<std::int32_t>(self->controls.size());
             self->controls.push_back(nullptr);
             self->parameterIndex.push_back(port.source);
-            // A port left at the plugin's own value needs no first apply.
-            self->seen.push_back(bitsOf(instance->getParameter(port.source)));
             self->stateKeys.push_back(
                 self->map ? self->map->map(self->map->handle, stateKey(port.parameter.identifier).c_str()) : 0);
         } else if (port.role == PortRole::Meter) {
@@ -126,6 +124,10 @@ LV2_Handle instantiate(const LV2_Descriptor* descriptor, double rate, const char
         self->slot.push_back(slot);
     }
     self->meterValues.assign(static_cast<std::size_t>(widestGroup), -100.0);
+    // A port left at the plugin's own value needs no first apply.
+    self->seen = std::make_unique<std::atomic<std::uint32_t>[]>(self->controls.size());
+    for (std::size_t k = 0; k < self->controls.size(); ++k)
+        self->seen[k].store(bitsOf(instance->getParameter(self->parameterIndex[k])), std::memory_order_relaxed);
     return self.release();
 }
 
@@ -164,10 +166,11 @@ void applyControls(Lv2Plugin& self, bool mayCallSetter)
 {
     for (std::size_t k = 0; k < self.controls.size(); ++k) {
         const float* port = self.controls[k];
-        if (!port || bitsOf(*port) == self.seen[k])
+        const std::uint32_t bits = port ? bitsOf(*port) : 0;
+        if (!port || bits == self.seen[k].load(std::memory_order_relaxed))
             continue;
         if (applyControl(self, k, *port, mayCallSetter))
-            self.seen[k] = bitsOf(*port);
+            self.seen[k].store(bits, std::memory_order_relaxed);
     }
 }
 
@@ -290,7 +293,8 @@ LV2_State_Status saveState(LV2_Handle handle, LV2_State_Store_Function store, LV
         // A port moved since the last run (a host saving before its engine
         // runs) holds the value the plugin is about to take.
         const float* port = self.controls[k];
-        const bool pending = port && bitsOf(*port) != self.seen[k] && !std::isnan(*port);
+        const bool pending =
+            port && bitsOf(*port) != self.seen[k].load(std::memory_order_relaxed) && !std::isnan(*port);
         const float value = pending ? *port : self.plugin->getParameter(self.parameterIndex[k]);
         const LV2_State_Status status = store(state, self.stateKeys[k], &value, sizeof value, self.atomFloat,
                                               LV2_STATE_IS_POD | LV2_STATE_IS_PORTABLE);

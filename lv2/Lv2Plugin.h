@@ -2,7 +2,9 @@
 // One LV2 instance of one catalog variant. The wrapper's LV2_Handle points to
 // it; the Qt UI reaches the plugin instance through it with instance-access.
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include <lv2/core/lv2.h>
@@ -32,8 +34,9 @@ struct Lv2Plugin {
     std::vector<float*> outputs;
     std::vector<const float*> controls;
     // Bits of each control port at the last run: only a change is applied,
-    // so a restored state holds until the host moves the port.
-    std::vector<std::uint32_t> seen;
+    // so a restored state holds until the host moves the port. Atomic: a
+    // state save may read it while run() writes it.
+    std::unique_ptr<std::atomic<std::uint32_t>[]> seen;
     std::vector<std::int32_t> parameterIndex;
     std::vector<LV2_URID> stateKeys;
     const float* enabled = nullptr;
