@@ -15,7 +15,16 @@ packages=(
   fontconfig fonts-dejavu-core
   # the CLI tests pipe WAV streams between sox and qvdfx; never linked
   sox
+  # LV2 test tools only (never linked into what ships): lilv for the test
+  # host, lv2ls/lv2info/lv2apply, sord_validate behind lv2_validate, and
+  # ffmpeg for its lv2 filter
+  liblilv-dev lilv-utils sordi ffmpeg
 )
+# The long pass also runs the LV2 plugins in jalv on a JACK server and in
+# headless Ardour (large: only when asked).
+if [[ ${QVD_SETUP_LONG:-0} == 1 ]]; then
+  packages+=(jalv jackd2 ardour)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

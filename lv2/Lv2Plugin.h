@@ -1,0 +1,69 @@
+#pragma once
+// One LV2 instance of one catalog variant. The wrapper's LV2_Handle points to
+// it; the Qt UI reaches the plugin instance through it with instance-access.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include <lv2/core/lv2.h>
+#include <lv2/urid/urid.h>
+#include <lv2/worker/worker.h>
+
+#include <qvd/qvd.h>
+
+#include "Lv2Catalog.h"
+
+namespace qvd::lv2 {
+
+// Block length prepared when the host states neither a maximum nor a nominal
+// one (lv2apply, for one); longer runs are processed in chunks of it.
+constexpr std::int32_t kDefaultBlockLength = 4096;
+
+struct Lv2Plugin {
+    qvd::PluginInstance* plugin = nullptr;
+    AudioPlugin* audio = nullptr;
+    const Variant* variant = nullptr;
+    double rate = 0.0;
+    std::int32_t blockLength = kDefaultBlockLength;
+    bool prepared = false;
+
+    // Port buffers, per channel or per parameter, as the host connects them.
+    std::vector<const float*> inputs;
+    std::vector<float*> outputs;
+    std::vector<const float*> controls;
+    // Bits of each control port at the last run: only a change is applied,
+    // so a restored state holds until the host moves the port. Atomic: a
+    // state save may read it while run() writes it.
+    std::unique_ptr<std::atomic<std::uint32_t>[]> seen;
+    std::vector<std::int32_t> parameterIndex;
+    std::vector<LV2_URID> stateKeys;
+    const float* enabled = nullptr;
+    bool bypassed = false;
+    float* latency = nullptr;
+    struct MeterPort {
+        float* port;
+        std::int32_t group;
+        std::int32_t channel;
+    };
+    std::vector<MeterPort> meters;
+    std::vector<double> meterValues; // one group's levels, sized at instantiate
+    // Per port index: slot in inputs/outputs/controls/meters.
+    std::vector<std::int32_t> slot;
+
+    // Inputs copied aside when the host aliases an input with another
+    // channel's output; sized in activate.
+    std::vector<float> aside;
+    std::vector<const float*> asideInputs;
+    std::vector<float*> chunkOutputs;
+
+    qvd::BlockRecord block;
+    LV2_URID_Map* map = nullptr;
+    // Parameter setters are [control-thread]: run() hands changes to the
+    // host's worker thread when there is one.
+    LV2_Worker_Schedule* worker = nullptr;
+    LV2_URID atomFloat = 0;
+};
+
+} // namespace qvd::lv2

@@ -1,0 +1,259 @@
+// The bundle seen by Debian's own LV2 tools: lilv's lv2ls, lv2info and
+// lv2apply, ffmpeg's lv2 filter, and sord_validate with the LV2 schemas
+// (lv2_validate). Each runs
+// in its own process with LV2_PATH set to the build tree's bundle only.
+#include <dlfcn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include <sndfile.h>
+
+#include <gtest/gtest.h>
+
+#include "Lv2Fixture.h"
+
+namespace qvdtest {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Output {
+    int status = -1;
+    std::string out, err;
+};
+
+std::string slurp(const fs::path& path)
+{
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+fs::path scratchDir()
+{
+    struct Scratch {
+        fs::path dir = fs::temp_directory_path() / ("qvd-lv2-tools-" + std::to_string(getpid()));
+        Scratch() { fs::create_directories(dir); }
+        ~Scratch()
+        {
+            std::error_code ec;
+            fs::remove_all(dir, ec);
+        }
+    };
+    static const Scratch scratch;
+    return scratch.dir;
+}
+
+Output shell(const std::string& command)
+{
+    const fs::path out = scratchDir() / "stdout", err = scratchDir() / "stderr";
+    const std::string line = "LV2_PATH='" + isolatedLv2Path(bundleDir()) + "' " + command + " >'" + out.string() +
+                             "' 2>'" + err.string() + "'";
+    Output o;
+    const int raw = std::system(line.c_str());
+    o.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    o.out = slurp(out);
+    o.err = slurp(err);
+    return o;
+}
+
+// What a host printed on stderr that is not the plugin library's own
+// diagnostics, which builds with contract checks write there on purpose.
+std::string complaints(const std::string& err)
+{
+#if defined(QVD_ASSERTS_ENABLED)
+    std::istringstream lines(err);
+    std::string kept;
+    for (std::string line; std::getline(lines, line);) {
+        std::string lower = line;
+        std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+        for (const char* word : {"lv2", "lilv", "error", "warning", "fail"})
+            if (lower.find(word) != std::string::npos) {
+                kept += line + "\n";
+                break;
+            }
+    }
+    return kept;
+#else
+    return err;
+#endif
+}
+
+std::string quote(const std::string& s)
+{
+    return "'" + s + "'";
+}
+
+TEST(Lv2Tools, Lv2lsListsEveryVariantAndWarnsAboutNothing)
+{
+    const Output ls = shell("lv2ls");
+    ASSERT_EQ(ls.status, 0) << ls.err;
+    EXPECT_EQ(complaints(ls.err), "");
+    std::set<std::string> listed, expected;
+    std::istringstream lines(ls.out);
+    for (std::string uri; std::getline(lines, uri);)
+        listed.insert(uri);
+    for (const auto& v : catalog())
+        expected.insert(v.uri);
+    EXPECT_EQ(listed, expected);
+}
+
+TEST(Lv2Tools, Lv2infoShowsEveryPortWithoutWarnings)
+{
+    for (const auto& v : catalog()) {
+        const Output info = shell("lv2info " + quote(v.uri));
+        ASSERT_EQ(info.status, 0) << v.uri << ": " << info.err;
+        EXPECT_EQ(complaints(info.err), "") << v.uri;
+        EXPECT_NE(info.out.find("Name:              " + v.name), std::string::npos) << v.uri;
+        const auto latencyPort = std::find_if(v.ports.begin(), v.ports.end(),
+                                              [](const auto& p) { return p.role == qvd::lv2::PortRole::Latency; });
+        EXPECT_NE(info.out.find("reported by port " + std::to_string(latencyPort - v.ports.begin())), std::string::npos)
+            << v.uri;
+        for (std::size_t i = 0; i < v.ports.size(); ++i) {
+            const std::string port = "\tPort " + std::to_string(i) + ":\n";
+            const auto at = info.out.find(port);
+            ASSERT_NE(at, std::string::npos) << v.uri << " port " << i;
+            EXPECT_NE(info.out.find("Symbol:      " + v.ports[i].symbol + "\n", at), std::string::npos)
+                << v.uri << " port " << i;
+        }
+        EXPECT_EQ(info.out.find("\tPort " + std::to_string(v.ports.size()) + ":\n"), std::string::npos) << v.uri;
+    }
+}
+
+TEST(Lv2Tools, TurtleIsValidAgainstTheLv2Schemas)
+{
+    std::string files;
+    for (const auto& entry : fs::directory_iterator(fs::path(bundleDir()) / "qvd.lv2"))
+        if (entry.path().extension() == ".ttl")
+            files += " " + quote(entry.path().string());
+    const Output check = shell("lv2_validate" + files);
+    EXPECT_EQ(check.status, 0) << check.out << check.err;
+    EXPECT_NE((check.out + check.err).find("Found 0 errors"), std::string::npos) << check.out << check.err;
+}
+
+TEST(Lv2Tools, WrapperExportsOnlyTheDescriptor)
+{
+    const Output nm = shell("nm -D --defined-only " + quote(bundleDir() + "/qvd.lv2/qvd-lv2.so"));
+    ASSERT_EQ(nm.status, 0) << nm.err;
+    std::istringstream lines(nm.out);
+    std::string exported;
+    for (std::string line; std::getline(lines, line);)
+        exported += line.substr(line.rfind(' ') + 1) + " ";
+    EXPECT_EQ(exported, "lv2_descriptor ");
+}
+
+TEST(Lv2Tools, AMissingLibraryOrBadArgumentsFailClearly)
+{
+    // The wrapper alone, without the library beside it, offers no plugin.
+    const fs::path lonely = scratchDir() / "lonely.lv2";
+    fs::create_directories(lonely);
+    fs::copy_file(bundleDir() + "/qvd.lv2/qvd-lv2.so", lonely / "qvd-lv2.so", fs::copy_options::overwrite_existing);
+    void* wrapper = dlopen((lonely / "qvd-lv2.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(wrapper, nullptr) << dlerror();
+    const auto descriptor = reinterpret_cast<const void* (*)(uint32_t)>(dlsym(wrapper, "lv2_descriptor"));
+    ASSERT_NE(descriptor, nullptr);
+    EXPECT_EQ(descriptor(0), nullptr);
+
+    // The generator names what is wrong and leaves the folder untouched.
+    const Output noLibrary = shell(quote(QVD_LV2_TTL_PATH) + " --library /nonexistent/lib.so --out " +
+                                   quote(lonely) + " --binary qvd-lv2.so");
+    EXPECT_EQ(noLibrary.status, 3);
+    EXPECT_NE(noLibrary.err.find("cannot load /nonexistent/lib.so"), std::string::npos) << noLibrary.err;
+    EXPECT_FALSE(fs::exists(lonely / "manifest.ttl"));
+    const Output usage = shell(quote(QVD_LV2_TTL_PATH) + " --out " + quote(lonely));
+    EXPECT_EQ(usage.status, 2);
+    EXPECT_NE(usage.err.find("usage:"), std::string::npos) << usage.err;
+}
+
+Signal readWav(const fs::path& path)
+{
+    SF_INFO info{};
+    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
+    if (!f)
+        return {};
+    std::vector<float> interleaved(static_cast<std::size_t>(info.frames * info.channels));
+    sf_readf_float(f, interleaved.data(), info.frames);
+    sf_close(f);
+    Signal s(static_cast<std::size_t>(info.channels), std::vector<float>(static_cast<std::size_t>(info.frames)));
+    for (std::size_t i = 0; i < s[0].size(); ++i)
+        for (std::size_t c = 0; c < s.size(); ++c)
+            s[c][i] = interleaved[i * s.size() + c];
+    return s;
+}
+
+class Lv2Apply : public ::testing::TestWithParam<std::string> {};
+
+// lv2apply runs one frame per call and ffmpeg's lv2 filter whole frames of
+// its own; neither compensates latency. qvdfx runs blocks of 512 and does.
+// Shifted by the reported latency, they must agree bit for bit, with every
+// parameter moved off its default.
+TEST_P(Lv2Apply, LilvAndFfmpegGiveTheSamplesOfQvdfxProcess)
+{
+    const auto& v = variant(GetParam());
+    const auto settings = offDefaultSettings(v);
+    std::string lv2applyControls, ffmpegControls, qvdfxSettings;
+    for (const auto& [info, value] : settings) {
+        char text[32];
+        std::snprintf(text, sizeof text, "%.9g", static_cast<double>(value));
+        const std::string symbol = qvd::lv2::parameterSymbol(info->identifier);
+        lv2applyControls += " -c " + symbol + " " + text;
+        ffmpegControls += (ffmpegControls.empty() ? "" : "|") + symbol + "=" + text;
+        qvdfxSettings += " --set " + quote(info->identifier + "=" + text);
+    }
+    // Colons separate filter options: escaped once for the option parser and
+    // once for the graph parser, then once more for the shell's double quotes.
+    std::string escapedUri;
+    for (const char c : v.uri)
+        escapedUri += c == ':' ? std::string(R"(\\\\:)") : std::string(1, c);
+
+    for (const int rate : {48000, 96000}) {
+        const fs::path dir = scratchDir() / (testName({GetParam(), 0}) + "-" + std::to_string(rate));
+        fs::create_directories(dir);
+        const fs::path in = dir / "in.wav", viaQvdfx = dir / "qvdfx.wav";
+        const std::string qvdfx = quote(QVDFX_PATH);
+        const Output gen = shell(qvdfx + " gen " + quote(in) + " --signal pink --seconds 0.4 --rate " +
+                                 std::to_string(rate) + " --channels " + std::to_string(v.inputs) + " --seed 3");
+        ASSERT_EQ(gen.status, 0) << gen.err;
+        const Output process = shell(qvdfx + " process " + quote(in) + " " + quote(viaQvdfx) + " -p " + quote(v.key) +
+                                     qvdfxSettings + " --quiet");
+        ASSERT_EQ(process.status, 0) << process.err;
+        const Signal reference = readWav(viaQvdfx);
+        ASSERT_EQ(reference.size(), static_cast<std::size_t>(v.outputs));
+        const auto latency = static_cast<std::size_t>(directLatency(v, rate));
+
+        const std::vector<std::pair<std::string, std::string>> hosts = {
+            {"lv2apply", "lv2apply -i " + quote(in) + " -o " + quote(dir / "lv2apply.wav") + lv2applyControls + " " +
+                             quote(v.uri)},
+            {"ffmpeg", "ffmpeg -nostdin -hide_banner -loglevel error -y -i " + quote(in) + " -af \"lv2=plugin=" +
+                           escapedUri + ":controls=" + ffmpegControls + "\" -c:a pcm_f32le " + quote(dir / "ffmpeg.wav")},
+        };
+        for (const auto& [name, command] : hosts) {
+            const Output run = shell(command);
+            ASSERT_EQ(run.status, 0) << name << ": " << run.err;
+            EXPECT_EQ(complaints(run.err), "") << name;
+            Signal out = readWav(dir / (name + ".wav"));
+            ASSERT_EQ(out.size(), reference.size()) << name;
+            Signal expected = reference;
+            for (std::size_t c = 0; c < out.size(); ++c) {
+                ASSERT_GT(out[c].size(), latency) << name;
+                out[c].erase(out[c].begin(), out[c].begin() + static_cast<long>(latency));
+                expected[c].resize(out[c].size());
+            }
+            EXPECT_EQ(firstDifference(out, expected), "") << name << " at " << rate << " Hz, latency " << latency;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Bundle, Lv2Apply, allVariants(), testName);
+
+} // namespace
+} // namespace qvdtest
