@@ -1,0 +1,65 @@
+#pragma once
+// Waveshaping clipper: drive into one of five curves that never pass the
+// ceiling, optionally at 2, 4 or 8 times the host rate.
+//
+// Latency is that of the longest chain (x8) at every setting: the shorter
+// chains are padded to it, so the oversampling factor can change while audio
+// runs without the audio moving in time. The downsampler's ringing can lift
+// peaks a little above the ceiling when oversampling; the safety clip, when
+// on, cuts the wet signal back to the ceiling after it.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include <QVDEffect.h>
+
+class Oversampler;
+class FixedDelay;
+
+class QVDSoftClipper : public QVDEffect<QVDSoftClipper> {
+    Q_OBJECT
+public:
+    enum Parameter : std::uint32_t { DRIVE = 0, CEILING, CURVE, KNEE, OVERSAMPLING, OUTPUT, MIX, LINK, SAFETY_CLIP };
+    enum Curve : int { kHard = 0, kCubic, kTanh, kSine, kSmoothKnee };
+    static constexpr int kFactorCount = 4; // off, x2, x4, x8
+    static constexpr QVDPluginDescriptor kDescriptor{.name = "Soft Clipper", .fourcc = qvdFourCC("QVSc"),
+                                                     .maxInputs = 32, .maxOutputs = 32,
+                                                     .className = "QVDSoftClipper"};
+    static std::vector<QVDParam> parameterRows();
+
+    QVDSoftClipper(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
+    ~QVDSoftClipper() override;
+
+protected:
+    void parameterChanged(std::uint32_t index, float value) override;
+    void render(const QVDBlock& block) noexcept override;
+    void resetState() noexcept override;
+    void resumeAfterBypass() noexcept override { resetState(); }
+    bool prepareProcessing() override;
+
+private:
+    void renderChunk(const QVDBlock& block, std::int32_t offset, std::int32_t frames) noexcept;
+    template <class Shape>
+    void shape(std::int32_t channels, std::size_t samples, bool linked, const Shape& curve) noexcept;
+
+    std::atomic<float> m_drive{1.0f};
+    std::atomic<float> m_ceiling{1.0f};
+    std::atomic<int> m_curve{kTanh};
+    std::atomic<float> m_kneeStart{0.5f}; // where the smooth knee leaves the straight line, re the ceiling
+    std::atomic<int> m_factorIndex{2};
+    std::atomic<float> m_output{1.0f};
+    std::atomic<float> m_mix{1.0f};
+    std::atomic<bool> m_linked{false};
+    std::atomic<bool> m_safety{false};
+
+    // Sized at prepare: per factor, one chain per channel.
+    std::vector<std::unique_ptr<Oversampler>> m_chains[kFactorCount];
+    std::vector<FixedDelay> m_dry;
+    std::vector<std::vector<float>> m_input; // finite input, then the delayed dry signal
+    std::vector<float*> m_high;             // each channel's oversampled samples this chunk
+    std::vector<float> m_wet;
+    std::int32_t m_chunk = 1;
+    int m_activeFactor = -1;
+};
