@@ -1,5 +1,6 @@
-// Waveshapers at 48 kHz in 512-frame stereo blocks on noise driven 12 dB
-// into the curve, at every oversampling factor. "ns/frame" is per stereo frame.
+// Waveshapers at 48 kHz in 512-frame stereo blocks on full-scale noise: the
+// clipper driven 12 dB at every oversampling factor, the distortion at its
+// default drive in every type. "ns/frame" is per stereo frame.
 #include <benchmark/benchmark.h>
 
 #include <random>
@@ -57,5 +58,15 @@ void BM_SoftClipper(benchmark::State& state)
                {"QVDSoftClipper::LINK", static_cast<float>(state.range(1))}});
 }
 BENCHMARK(BM_SoftClipper)->Args({0, 0})->Args({1, 0})->Args({2, 0})->Args({3, 0})->Args({3, 1});
+
+const char* const kTypeNames[] = {"tube", "fuzz", "fold", "bits", "sample rate"};
+
+void BM_Distortion(benchmark::State& state)
+{
+    state.SetLabel(kTypeNames[state.range(0)]);
+    runPlugin(state, "Distortion:1364608115",
+              {{"QVDDistortion::TYPE", static_cast<float>(state.range(0))}, {"QVDDistortion::TONE", 3.0f}});
+}
+BENCHMARK(BM_Distortion)->DenseRange(0, 4);
 
 } // namespace
