@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include <Algorithms/BiQuad.h>
+#include <Algorithms/ShaperSupport.h>
 
 
 QVD_REGISTER_AUDIO_PLUGIN(QVDDistortion)
@@ -11,23 +12,11 @@ QVD_REGISTER_AUDIO_PLUGIN(QVDDistortion)
 namespace {
 
 constexpr std::size_t kCurveFactor = 4;
-// Far beyond any drive, low enough that the filters never overflow.
-constexpr float kInputLimit = 1.0e4f;
 // Shifting tanh off centre bends the two half-waves differently: the
 // curve's even-order harmonics.
 constexpr float kTubeBias = 0.35f;
 constexpr double kDcBlockHz = 10.0;
 constexpr double kTiltPivotHz = 700.0;
-
-inline float finiteOrZero(float x)
-{
-    return std::isfinite(x) ? x : 0.0f;
-}
-
-float decibels(float db)
-{
-    return static_cast<float>(std::pow(10.0, static_cast<double>(db) / 20.0));
-}
 
 float onePole(double hz, double rate)
 {
@@ -70,14 +59,14 @@ void QVDDistortion::parameterChanged(std::uint32_t index, float value)
         return;
     const auto relaxed = std::memory_order_relaxed;
     switch (index) {
-    case DRIVE: m_drive.store(decibels(std::clamp(value, 0.0f, 36.0f)), relaxed); break;
+    case DRIVE: m_drive.store(shaper::gainOfDecibels(std::clamp(value, 0.0f, 36.0f)), relaxed); break;
     case TYPE: m_type.store(std::clamp(qvdListIndex(value), 0, static_cast<int>(kSampleRate)), relaxed); break;
     case BITS: m_bits.store(std::clamp(qvdListIndex(value), 1, 24), relaxed); break;
     case SAMPLE_RATE: m_reducedRate.store(std::clamp(value, 200.0f, 48000.0f), relaxed); break;
     case TONE: m_tiltDb.store(std::clamp(value, -12.0f, 12.0f), relaxed); break;
     case LOW_CUT: m_lowCutHz.store(std::clamp(value, 10.0f, 1000.0f), relaxed); break;
     case MIX: m_mix.store(std::clamp(value, 0.0f, 100.0f) / 100.0f, relaxed); break;
-    case OUTPUT: m_output.store(decibels(std::clamp(value, -24.0f, 12.0f)), relaxed); break;
+    case OUTPUT: m_output.store(shaper::gainOfDecibels(std::clamp(value, -24.0f, 12.0f)), relaxed); break;
     default: break;
     }
 }
@@ -207,8 +196,8 @@ void QVDDistortion::renderChunk(const QVDBlock& block, std::int32_t offset, std:
     const float mix = m_mix.load(relaxed);
     const float output = m_output.load(relaxed);
     const float tilt = m_tiltDb.load(relaxed);
-    const float lowGain = decibels(-0.5f * tilt) * output;
-    const float highGain = decibels(0.5f * tilt) * output;
+    const float lowGain = shaper::gainOfDecibels(-0.5f * tilt) * output;
+    const float highGain = shaper::gainOfDecibels(0.5f * tilt) * output;
     const float tiltPole = m_tiltPole;
     float* dry = m_dry.data();
     float* wet = m_wet.data();
@@ -217,12 +206,12 @@ void QVDDistortion::renderChunk(const QVDBlock& block, std::int32_t offset, std:
         Channel& ch = m_channels[static_cast<std::size_t>(c)];
         const float* in = block.inputs[c] + offset;
         for (std::size_t i = 0; i < n; ++i)
-            dry[i] = finiteOrZero(in[i]);
+            dry[i] = shaper::finiteOrZero(in[i]);
         BiQuad::run(m_lowCut, ch.lowCut, dry, wet, static_cast<std::uint32_t>(n));
         if (!std::isfinite(ch.lowCut.w1) || !std::isfinite(ch.lowCut.w2))
             ch.lowCut = BiQuadState{};
         for (std::size_t i = 0; i < n; ++i)
-            wet[i] = std::clamp(wet[i] * drive, -kInputLimit, kInputLimit);
+            wet[i] = std::clamp(wet[i] * drive, -shaper::kInputLimit, shaper::kInputLimit);
         shapeChannel(ch, m_activeType, n);
 
         // Tilt about the pivot: lows down as far as highs go up. Flat, the
@@ -237,13 +226,6 @@ void QVDDistortion::renderChunk(const QVDBlock& block, std::int32_t offset, std:
         ch.tiltLow = std::isfinite(low) ? low : 0.0f;
 
         ch.dry.process(dry, n);
-        float* out = block.outputs[c] + offset;
-        if (mix <= 0.0f) {
-            // Exactly the delayed input, signed zeros and all.
-            std::copy_n(dry, n, out);
-        } else {
-            for (std::size_t i = 0; i < n; ++i)
-                out[i] = mix >= 1.0f ? wet[i] : dry[i] + mix * (wet[i] - dry[i]);
-        }
+        shaper::mixDryWet(dry, wet, block.outputs[c] + offset, n, mix);
     }
 }

@@ -4,13 +4,11 @@
 #include <cmath>
 
 #include <Algorithms/Oversampler.h>
+#include <Algorithms/ShaperSupport.h>
 
 QVD_REGISTER_AUDIO_PLUGIN(QVDSoftClipper)
 
 namespace {
-
-// Far beyond any drive, low enough that the filters never overflow.
-constexpr float kInputLimit = 1.0e4f;
 
 // Every curve is odd, has unit slope at 0 and maps onto [-1, 1]: the ceiling
 // is 1 here and scales the result afterwards.
@@ -50,16 +48,6 @@ struct KneeCurve {
     }
 };
 
-inline float finiteOrZero(float x)
-{
-    return std::isfinite(x) ? x : 0.0f;
-}
-
-float decibels(float db)
-{
-    return static_cast<float>(std::pow(10.0, static_cast<double>(db) / 20.0));
-}
-
 constexpr std::size_t kFactors[QVDSoftClipper::kFactorCount] = {1, 2, 4, 8};
 
 } // namespace
@@ -98,12 +86,12 @@ void QVDSoftClipper::parameterChanged(std::uint32_t index, float value)
         return;
     const auto relaxed = std::memory_order_relaxed;
     switch (index) {
-    case DRIVE: m_drive.store(decibels(std::clamp(value, 0.0f, 24.0f)), relaxed); break;
-    case CEILING: m_ceiling.store(decibels(std::clamp(value, -20.0f, 0.0f)), relaxed); break;
+    case DRIVE: m_drive.store(shaper::gainOfDecibels(std::clamp(value, 0.0f, 24.0f)), relaxed); break;
+    case CEILING: m_ceiling.store(shaper::gainOfDecibels(std::clamp(value, -20.0f, 0.0f)), relaxed); break;
     case CURVE: m_curve.store(std::clamp(qvdListIndex(value), 0, static_cast<int>(kSmoothKnee)), relaxed); break;
-    case KNEE: m_kneeStart.store(decibels(-std::clamp(value, 0.0f, 12.0f)), relaxed); break;
+    case KNEE: m_kneeStart.store(shaper::gainOfDecibels(-std::clamp(value, 0.0f, 12.0f)), relaxed); break;
     case OVERSAMPLING: m_factorIndex.store(std::clamp(qvdListIndex(value), 0, kFactorCount - 1), relaxed); break;
-    case OUTPUT: m_output.store(decibels(std::clamp(value, -12.0f, 12.0f)), relaxed); break;
+    case OUTPUT: m_output.store(shaper::gainOfDecibels(std::clamp(value, -12.0f, 12.0f)), relaxed); break;
     case MIX: m_mix.store(std::clamp(value, 0.0f, 100.0f) / 100.0f, relaxed); break;
     case LINK: m_linked.store(qvdSwitchOn(std::clamp(value, 0.0f, 1.0f)), relaxed); break;
     case SAFETY_CLIP: m_safety.store(qvdSwitchOn(std::clamp(value, 0.0f, 1.0f)), relaxed); break;
@@ -191,8 +179,8 @@ void QVDSoftClipper::renderChunk(const QVDBlock& block, std::int32_t offset, std
         const float* in = block.inputs[c] + offset;
         float* finite = m_input[static_cast<std::size_t>(c)].data();
         for (std::size_t i = 0; i < n; ++i) {
-            finite[i] = finiteOrZero(in[i]);
-            m_wet[i] = std::clamp(finite[i] * toCurve, -kInputLimit, kInputLimit);
+            finite[i] = shaper::finiteOrZero(in[i]);
+            m_wet[i] = std::clamp(finite[i] * toCurve, -shaper::kInputLimit, shaper::kInputLimit);
         }
         m_high[static_cast<std::size_t>(c)] = chains[static_cast<std::size_t>(c)]->up(m_wet.data(), n);
     }
@@ -216,15 +204,9 @@ void QVDSoftClipper::renderChunk(const QVDBlock& block, std::int32_t offset, std
         float* dry = m_input[ch].data();
         m_dry[ch].process(dry, n);
         chains[ch]->down(m_wet.data(), n);
-        if (mix <= 0.0f) {
-            // Exactly the delayed input, signed zeros and all.
-            std::copy_n(dry, n, out);
-        } else {
-            for (std::size_t i = 0; i < n; ++i) {
-                const float wet = std::clamp(m_wet[i] * ceiling, -limit, limit);
-                out[i] = mix >= 1.0f ? wet : dry[i] + mix * (wet - dry[i]);
-            }
-        }
+        for (std::size_t i = 0; i < n; ++i)
+            m_wet[i] = std::clamp(m_wet[i] * ceiling, -limit, limit);
+        shaper::mixDryWet(dry, m_wet.data(), out, n, mix);
         if (output != 1.0f)
             for (std::size_t i = 0; i < n; ++i)
                 out[i] *= output;

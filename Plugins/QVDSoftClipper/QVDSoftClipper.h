@@ -4,7 +4,8 @@
 //
 // Latency is that of the longest chain (x8) at every setting: the shorter
 // chains are padded to it, so the oversampling factor can change while audio
-// runs without the audio moving in time. The downsampler's ringing can lift
+// runs without the audio moving in time. The chain coming in starts from
+// silence, so a change drops out for about one latency (1.75 ms at 48 kHz). The downsampler's ringing can lift
 // peaks a little above the ceiling when oversampling; the safety clip, when
 // on, cuts the wet signal back to the ceiling after it.
 

@@ -154,3 +154,24 @@ TEST(SoftClipper, LinkedClippingLowersEveryChannelByTheSameGain)
         EXPECT_NEAR(dB(peak(out[1], 480)), linked ? -24.08 : -18.06, 0.05) << (linked ? "linked" : "per channel");
     }
 }
+
+TEST(SoftClipper, SmoothKneeIsStraightBelowTheKneeAndBendsAboveIt)
+{
+    // A 6 dB knee under a 0 dBFS ceiling: -6.5 dBFS passes untouched, -1 dBFS is bent.
+    for (const double level : {-6.5, -1.0}) {
+        PluginFixture f(kKey);
+        ASSERT_TRUE(f.prepare(kRate, 256, 1));
+        f.set("CURVE", 4.0f);
+        f.set("KNEE", 6.0f);
+        f.set("OVERSAMPLING", kOff);
+        const Signal in = sine(1, 4800, 1000.0, kRate, linear(level));
+        const Signal out = f.run(in);
+        const double outPeak = dB(peak(out[0], 480));
+        if (level < -6.0) {
+            EXPECT_EQ(firstMismatch(in[0], out[0], static_cast<std::size_t>(f.audio()->latency())), -1);
+        } else {
+            EXPECT_LT(outPeak, level - 0.5);
+            EXPECT_GT(outPeak, -6.0);
+        }
+    }
+}
