@@ -36,6 +36,27 @@ void FixedDelay::process(const float* in, float* out, std::size_t frames) noexce
     m_pos = pos;
 }
 
+void FixedDelay::push(const float* in, std::size_t frames) noexcept
+{
+    if (m_length == 0)
+        return;
+    // Only the last length() frames can stay.
+    const std::size_t skip = frames > m_length ? frames - m_length : 0;
+    m_pos = (m_pos + skip) % m_length;
+    for (std::size_t n = skip; n < frames; ++n) {
+        m_ring[m_pos] = in[n];
+        if (++m_pos == m_length)
+            m_pos = 0;
+    }
+}
+
+void FixedDelay::copyHeld(float* out) const noexcept
+{
+    const auto split = static_cast<std::ptrdiff_t>(m_pos);
+    std::copy(m_ring.begin() + split, m_ring.end(), out);
+    std::copy(m_ring.begin(), m_ring.begin() + split, out + (m_length - m_pos));
+}
+
 void FixedDelay::clear() noexcept
 {
     std::fill(m_ring.begin(), m_ring.end(), 0.0f);

@@ -26,6 +26,10 @@ public:
     void process(float* samples, std::size_t frames) noexcept;
     // [audio-thread] out = in delayed; out may equal in.
     void process(const float* in, float* out, std::size_t frames) noexcept;
+    // [audio-thread] Takes `frames` in without giving any out.
+    void push(const float* in, std::size_t frames) noexcept;
+    // [audio-thread] The length() frames held, oldest first.
+    void copyHeld(float* out) const noexcept;
     // [audio-thread]
     void clear() noexcept;
 

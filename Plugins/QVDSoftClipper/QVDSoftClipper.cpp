@@ -110,12 +110,19 @@ bool QVDSoftClipper::prepareProcessing()
         for (std::size_t c = 0; c < channels; ++c)
             m_chains[f].push_back(std::make_unique<Oversampler>(kFactors[f], chunk, latency));
     }
+    // Every chain's output depends on at most this much of its input.
+    const std::size_t reach = 2 * latency;
     m_dry.assign(channels, FixedDelay{});
-    for (FixedDelay& d : m_dry)
-        d.resize(latency);
+    m_history.assign(channels, FixedDelay{});
+    for (std::size_t c = 0; c < channels; ++c) {
+        m_dry[c].resize(latency);
+        m_history[c].resize(reach);
+    }
     m_input.assign(channels, std::vector<float>(chunk, 0.0f));
+    m_wet.assign(channels, std::vector<float>(chunk, 0.0f));
+    m_replay.assign(channels, std::vector<float>(reach, 0.0f));
+    m_rows.assign(channels, nullptr);
     m_high.assign(channels, nullptr);
-    m_wet.assign(chunk, 0.0f);
     resetState();
     return setLatency(latency);
 }
@@ -127,6 +134,8 @@ void QVDSoftClipper::resetState() noexcept
             chain->reset();
     for (FixedDelay& d : m_dry)
         d.clear();
+    for (FixedDelay& h : m_history)
+        h.clear();
 }
 
 template <class Shape>
@@ -157,13 +166,53 @@ void QVDSoftClipper::render(const QVDBlock& block) noexcept
 {
     const int factor = m_factorIndex.load(std::memory_order_relaxed);
     if (factor != m_activeFactor) {
-        // The chain coming in holds history from its last spell.
-        for (auto& chain : m_chains[factor])
-            chain->reset();
         m_activeFactor = factor;
+        switchChains(block.channels);
     }
     for (std::int32_t done = 0; done < block.frames; done += m_chunk)
         renderChunk(block, done, std::min(m_chunk, block.frames - done));
+}
+
+void QVDSoftClipper::switchChains(std::int32_t channels) noexcept
+{
+    // The chain coming in holds history from its last spell: clear it and
+    // replay what it missed, so its output joins the outgoing one's seamlessly.
+    for (auto& chain : m_chains[m_activeFactor])
+        chain->reset();
+    if (m_history.empty())
+        return;
+    const std::size_t held = m_history.front().length();
+    for (std::int32_t c = 0; c < channels; ++c)
+        m_history[static_cast<std::size_t>(c)].copyHeld(m_replay[static_cast<std::size_t>(c)].data());
+    const auto chunk = static_cast<std::size_t>(m_chunk);
+    for (std::size_t done = 0; done < held; done += chunk) {
+        for (std::int32_t c = 0; c < channels; ++c)
+            m_rows[static_cast<std::size_t>(c)] = m_replay[static_cast<std::size_t>(c)].data() + done;
+        runChains(channels, std::min(chunk, held - done));
+    }
+}
+
+void QVDSoftClipper::runChains(std::int32_t channels, std::size_t frames) noexcept
+{
+    const auto relaxed = std::memory_order_relaxed;
+    auto& chains = m_chains[m_activeFactor];
+    for (std::int32_t c = 0; c < channels; ++c) {
+        const auto ch = static_cast<std::size_t>(c);
+        m_high[ch] = chains[ch]->up(m_rows[ch], frames);
+    }
+    const std::size_t samples = frames * kFactors[m_activeFactor];
+    const bool linked = m_linked.load(relaxed);
+    switch (m_curve.load(relaxed)) {
+    case kHard: shape(channels, samples, linked, HardCurve{}); break;
+    case kCubic: shape(channels, samples, linked, CubicCurve{}); break;
+    case kSine: shape(channels, samples, linked, SineCurve{}); break;
+    case kSmoothKnee: shape(channels, samples, linked, KneeCurve{m_kneeStart.load(relaxed)}); break;
+    default: shape(channels, samples, linked, TanhCurve{}); break;
+    }
+    for (std::int32_t c = 0; c < channels; ++c) {
+        const auto ch = static_cast<std::size_t>(c);
+        chains[ch]->down(m_rows[ch], frames);
+    }
 }
 
 void QVDSoftClipper::renderChunk(const QVDBlock& block, std::int32_t offset, std::int32_t frames) noexcept
@@ -173,27 +222,20 @@ void QVDSoftClipper::renderChunk(const QVDBlock& block, std::int32_t offset, std
     const auto n = static_cast<std::size_t>(frames);
     const float ceiling = m_ceiling.load(relaxed);
     const float toCurve = m_drive.load(relaxed) / ceiling;
-    auto& chains = m_chains[m_activeFactor];
 
     for (std::int32_t c = 0; c < channels; ++c) {
+        const auto ch = static_cast<std::size_t>(c);
         const float* in = block.inputs[c] + offset;
-        float* finite = m_input[static_cast<std::size_t>(c)].data();
+        float* finite = m_input[ch].data();
+        float* wet = m_wet[ch].data();
         for (std::size_t i = 0; i < n; ++i) {
             finite[i] = shaper::finiteOrZero(in[i]);
-            m_wet[i] = std::clamp(finite[i] * toCurve, -shaper::kInputLimit, shaper::kInputLimit);
+            wet[i] = std::clamp(finite[i] * toCurve, -shaper::kInputLimit, shaper::kInputLimit);
         }
-        m_high[static_cast<std::size_t>(c)] = chains[static_cast<std::size_t>(c)]->up(m_wet.data(), n);
+        m_history[ch].push(wet, n);
+        m_rows[ch] = wet;
     }
-
-    const std::size_t samples = n * kFactors[m_activeFactor];
-    const bool linked = m_linked.load(relaxed);
-    switch (m_curve.load(relaxed)) {
-    case kHard: shape(channels, samples, linked, HardCurve{}); break;
-    case kCubic: shape(channels, samples, linked, CubicCurve{}); break;
-    case kSine: shape(channels, samples, linked, SineCurve{}); break;
-    case kSmoothKnee: shape(channels, samples, linked, KneeCurve{m_kneeStart.load(relaxed)}); break;
-    default: shape(channels, samples, linked, TanhCurve{}); break;
-    }
+    runChains(channels, n);
 
     const float mix = m_mix.load(relaxed);
     const float output = m_output.load(relaxed);
@@ -202,11 +244,11 @@ void QVDSoftClipper::renderChunk(const QVDBlock& block, std::int32_t offset, std
         const auto ch = static_cast<std::size_t>(c);
         float* out = block.outputs[c] + offset;
         float* dry = m_input[ch].data();
+        float* wet = m_wet[ch].data();
         m_dry[ch].process(dry, n);
-        chains[ch]->down(m_wet.data(), n);
         for (std::size_t i = 0; i < n; ++i)
-            m_wet[i] = std::clamp(m_wet[i] * ceiling, -limit, limit);
-        shaper::mixDryWet(dry, m_wet.data(), out, n, mix);
+            wet[i] = std::clamp(wet[i] * ceiling, -limit, limit);
+        shaper::mixDryWet(dry, wet, out, n, mix);
         if (output != 1.0f)
             for (std::size_t i = 0; i < n; ++i)
                 out[i] *= output;

@@ -4,8 +4,8 @@
 //
 // Latency is that of the longest chain (x8) at every setting: the shorter
 // chains are padded to it, so the oversampling factor can change while audio
-// runs without the audio moving in time. The chain coming in starts from
-// silence, so a change drops out for about one latency (1.75 ms at 48 kHz). The downsampler's ringing can lift
+// runs without the audio moving in time. The chain coming in first replays
+// the recent input it missed, so it takes over as if it had run all along. The downsampler's ringing can lift
 // peaks a little above the ceiling when oversampling; the safety clip, when
 // on, cuts the wet signal back to the ceiling after it.
 
@@ -42,6 +42,9 @@ protected:
 
 private:
     void renderChunk(const QVDBlock& block, std::int32_t offset, std::int32_t frames) noexcept;
+    void switchChains(std::int32_t channels) noexcept;
+    // Up, shape and down in place on m_rows.
+    void runChains(std::int32_t channels, std::size_t frames) noexcept;
     template <class Shape>
     void shape(std::int32_t channels, std::size_t samples, bool linked, const Shape& curve) noexcept;
 
@@ -58,9 +61,12 @@ private:
     // Sized at prepare: per factor, one chain per channel.
     std::vector<std::unique_ptr<Oversampler>> m_chains[kFactorCount];
     std::vector<FixedDelay> m_dry;
+    std::vector<FixedDelay> m_history;       // the chains' recent input, for a switch
     std::vector<std::vector<float>> m_input; // finite input, then the delayed dry signal
-    std::vector<float*> m_high;             // each channel's oversampled samples this chunk
-    std::vector<float> m_wet;
+    std::vector<std::vector<float>> m_wet;   // the chains' input, then their output
+    std::vector<std::vector<float>> m_replay;
+    std::vector<float*> m_rows;
+    std::vector<float*> m_high; // each channel's oversampled samples this chunk
     std::int32_t m_chunk = 1;
     int m_activeFactor = -1;
 };

@@ -175,3 +175,28 @@ TEST(SoftClipper, SmoothKneeIsStraightBelowTheKneeAndBendsAboveIt)
         }
     }
 }
+
+TEST(SoftClipper, ChangingTheFactorWhilePlayingJoinsSeamlessly)
+{
+    // Half a second at x2, then x8: from the change on, the output is the
+    // one a run at x8 all along gives, bit for bit.
+    const Signal in = noise(2, 48000, 21, 1.0f);
+    const auto half = [&](std::size_t part) {
+        Signal s = silence(2, 24000);
+        for (std::size_t c = 0; c < 2; ++c)
+            std::copy_n(in[c].begin() + static_cast<long>(part * 24000), 24000, s[c].begin());
+        return s;
+    };
+    PluginFixture switched(kKey), steady(kKey);
+    for (PluginFixture* f : {&switched, &steady}) {
+        ASSERT_TRUE(f->prepare(kRate, 256, 2));
+        f->set("DRIVE", 12.0f);
+        f->set("LINK", 1.0f);
+        f->set("OVERSAMPLING", f == &switched ? kX2 : kX8);
+        f->run(half(0), 3);
+        f->set("OVERSAMPLING", kX8);
+    }
+    const Signal a = switched.run(half(1), 5), b = steady.run(half(1), 5);
+    for (std::size_t c = 0; c < 2; ++c)
+        EXPECT_EQ(firstMismatch(b[c], a[c], 0), -1) << "channel " << c;
+}
