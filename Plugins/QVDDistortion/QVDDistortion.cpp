@@ -83,7 +83,10 @@ bool QVDDistortion::prepareProcessing()
         ch.curves = std::make_unique<Oversampler>(kCurveFactor, chunk);
         ch.reducer = std::make_unique<Oversampler>(1, chunk, latency);
         ch.dry.resize(latency);
+        // Each path's output depends on at most this much of its input.
+        ch.history.resize(2 * latency);
     }
+    m_replay.assign(2 * latency, 0.0f);
     m_dry.assign(chunk, 0.0f);
     m_wet.assign(chunk, 0.0f);
     const double rate = sampleRate();
@@ -99,6 +102,7 @@ void QVDDistortion::clearChannel(Channel& ch) noexcept
     ch.curves->reset();
     ch.reducer->reset();
     ch.dry.clear();
+    ch.history.clear();
     ch.lowCut = BiQuadState{};
     ch.blockIn = ch.blockOut = ch.tiltLow = ch.held = 0.0f;
     ch.phase = 1.0;
@@ -114,13 +118,8 @@ void QVDDistortion::render(const QVDBlock& block) noexcept
 {
     const int type = m_type.load(std::memory_order_relaxed);
     if (type != m_activeType) {
-        // The path coming in holds history from its last spell.
-        for (Channel& ch : m_channels) {
-            ch.curves->reset();
-            ch.reducer->reset();
-            ch.blockIn = ch.blockOut = 0.0f;
-        }
         m_activeType = type;
+        switchType(block.channels);
     }
     const float hz = m_lowCutHz.load(std::memory_order_relaxed);
     if (hz != m_designedHz) {
@@ -129,6 +128,25 @@ void QVDDistortion::render(const QVDBlock& block) noexcept
     }
     for (std::int32_t done = 0; done < block.frames; done += m_chunk)
         renderChunk(block, done, std::min(m_chunk, block.frames - done));
+}
+
+void QVDDistortion::switchType(std::int32_t channels) noexcept
+{
+    // The path coming in holds history from its last spell: clear it and
+    // replay what it missed, so it joins the outgoing one's output.
+    const auto chunk = static_cast<std::size_t>(m_chunk);
+    for (std::int32_t c = 0; c < channels; ++c) {
+        Channel& ch = m_channels[static_cast<std::size_t>(c)];
+        ch.curves->reset();
+        ch.reducer->reset();
+        ch.blockIn = ch.blockOut = 0.0f;
+        ch.history.copyHeld(m_replay.data());
+        for (std::size_t done = 0; done < m_replay.size(); done += chunk) {
+            const std::size_t n = std::min(chunk, m_replay.size() - done);
+            std::copy_n(m_replay.data() + done, n, m_wet.data());
+            shapeChannel(ch, m_activeType, n);
+        }
+    }
 }
 
 void QVDDistortion::shapeChannel(Channel& ch, int type, std::size_t n) noexcept
@@ -212,6 +230,7 @@ void QVDDistortion::renderChunk(const QVDBlock& block, std::int32_t offset, std:
             ch.lowCut = BiQuadState{};
         for (std::size_t i = 0; i < n; ++i)
             wet[i] = std::clamp(wet[i] * drive, -shaper::kInputLimit, shaper::kInputLimit);
+        ch.history.push(wet, n);
         shapeChannel(ch, m_activeType, n);
 
         // Tilt about the pivot: lows down as far as highs go up. Flat, the

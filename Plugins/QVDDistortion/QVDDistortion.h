@@ -2,8 +2,9 @@
 // Distortion: a low cut, drive into one of five shapers, a tilt tone control
 // and a dry/wet mix. The three curves run at four times the host rate; bit
 // and sample-rate reduction alias on purpose and run at the host rate, padded
-// to the same latency so changing the type never moves the audio. The
-// asymmetric curve makes DC, which a 10 Hz blocker after it removes.
+// to the same latency so changing the type never moves the audio. The path
+// coming in first replays the recent input it missed, so it joins without a
+// gap. The asymmetric curve makes DC, which a 10 Hz blocker after it removes.
 //
 // Output sets the level of the wet signal alone, so the dry signal at any
 // mix stays the input as it came.
@@ -42,6 +43,7 @@ private:
         std::unique_ptr<Oversampler> curves;  // x4, for the three curves
         std::unique_ptr<Oversampler> reducer; // x1 padded to the same latency
         FixedDelay dry;
+        FixedDelay history; // the shaper's recent input, for a change of type
         BiQuadState lowCut;
         float blockIn = 0.0f, blockOut = 0.0f; // DC blocker
         float tiltLow = 0.0f;                  // tilt's one-pole low band
@@ -52,6 +54,7 @@ private:
     void renderChunk(const QVDBlock& block, std::int32_t offset, std::int32_t frames) noexcept;
     void shapeChannel(Channel& ch, int type, std::size_t n) noexcept;
     void clearChannel(Channel& ch) noexcept;
+    void switchType(std::int32_t channels) noexcept;
 
     std::atomic<float> m_drive{4.0f};
     std::atomic<int> m_type{kTube};
@@ -64,7 +67,7 @@ private:
 
     // Sized at prepare.
     std::vector<Channel> m_channels;
-    std::vector<float> m_dry, m_wet;
+    std::vector<float> m_dry, m_wet, m_replay;
     std::int32_t m_chunk = 1;
     int m_activeType = -1;
     float m_designedHz = 0.0f;
