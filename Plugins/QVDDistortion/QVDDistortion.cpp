@@ -45,14 +45,6 @@ std::vector<QVDParam> QVDDistortion::parameterRows()
     };
 }
 
-QVDDistortion::QVDDistortion(const QVDPluginDescriptor* descriptor, void* hostContext,
-                             qvd::HostServices* services)
-    : QVDEffect(descriptor, hostContext, services)
-{
-}
-
-QVDDistortion::~QVDDistortion() = default;
-
 void QVDDistortion::parameterChanged(std::uint32_t index, float value)
 {
     if (std::isnan(value))

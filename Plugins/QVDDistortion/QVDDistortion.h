@@ -28,8 +28,7 @@ public:
                                                      .className = "QVDDistortion"};
     static std::vector<QVDParam> parameterRows();
 
-    QVDDistortion(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
-    ~QVDDistortion() override;
+    using QVDEffect::QVDEffect;
 
 protected:
     void parameterChanged(std::uint32_t index, float value) override;

@@ -72,12 +72,6 @@ std::vector<QVDParam> QVDSoftClipper::parameterRows()
     };
 }
 
-QVDSoftClipper::QVDSoftClipper(const QVDPluginDescriptor* descriptor, void* hostContext,
-                               qvd::HostServices* services)
-    : QVDEffect(descriptor, hostContext, services)
-{
-}
-
 QVDSoftClipper::~QVDSoftClipper() = default;
 
 void QVDSoftClipper::parameterChanged(std::uint32_t index, float value)

@@ -30,7 +30,7 @@ public:
                                                      .className = "QVDSoftClipper"};
     static std::vector<QVDParam> parameterRows();
 
-    QVDSoftClipper(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
+    using QVDEffect::QVDEffect;
     ~QVDSoftClipper() override;
 
 protected:
