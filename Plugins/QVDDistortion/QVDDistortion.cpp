@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include <Algorithms/BiQuad.h>
-#include <Algorithms/ShaperSupport.h>
+#include <SmoothingCoefficient.h>
 
 
 QVD_REGISTER_AUDIO_PLUGIN(QVDDistortion)
@@ -79,8 +79,8 @@ bool QVDDistortion::prepareProcessing()
         ch.history.resize(2 * latency);
     }
     m_replay.assign(2 * latency, 0.0f);
-    m_dry.assign(chunk, 0.0f);
-    m_wet.assign(chunk, 0.0f);
+    for (auto* run : {&m_dry, &m_wet, &m_driveRun, &m_mixRun, &m_outputRun})
+        run->assign(chunk, 0.0f);
     const double rate = sampleRate();
     m_blockPole = onePole(kDcBlockHz, rate);
     m_tiltPole = onePole(kTiltPivotHz, rate);
@@ -104,6 +104,10 @@ void QVDDistortion::resetState() noexcept
 {
     for (Channel& ch : m_channels)
         clearChannel(ch);
+    const auto relaxed = std::memory_order_relaxed;
+    m_driveGlide.jump(m_drive.load(relaxed));
+    m_mixGlide.jump(m_mix.load(relaxed));
+    m_outputGlide.jump(m_output.load(relaxed));
 }
 
 void QVDDistortion::render(const QVDBlock& block) noexcept
@@ -202,12 +206,15 @@ void QVDDistortion::renderChunk(const QVDBlock& block, std::int32_t offset, std:
 {
     const auto relaxed = std::memory_order_relaxed;
     const auto n = static_cast<std::size_t>(frames);
-    const float drive = m_drive.load(relaxed);
+    const SmoothingCoefficient& smoothing = SmoothingCoefficient::shared200ms();
+    const double a = smoothing.a(), b = smoothing.b();
+    const float* drive = m_driveGlide.fill(m_drive.load(relaxed), a, b, m_driveRun.data(), n);
+    const float* output = m_outputGlide.fill(m_output.load(relaxed), a, b, m_outputRun.data(), n);
     const float mix = m_mix.load(relaxed);
-    const float output = m_output.load(relaxed);
+    const bool mixSteady = m_mixGlide.run(mix, a, b, m_mixRun.data(), n);
     const float tilt = m_tiltDb.load(relaxed);
-    const float lowGain = shaper::gainOfDecibels(-0.5f * tilt) * output;
-    const float highGain = shaper::gainOfDecibels(0.5f * tilt) * output;
+    const float lowGain = shaper::gainOfDecibels(-0.5f * tilt);
+    const float highGain = shaper::gainOfDecibels(0.5f * tilt);
     const float tiltPole = m_tiltPole;
     float* dry = m_dry.data();
     float* wet = m_wet.data();
@@ -221,7 +228,7 @@ void QVDDistortion::renderChunk(const QVDBlock& block, std::int32_t offset, std:
         if (!std::isfinite(ch.lowCut.w1) || !std::isfinite(ch.lowCut.w2))
             ch.lowCut = BiQuadState{};
         for (std::size_t i = 0; i < n; ++i)
-            wet[i] = std::clamp(wet[i] * drive, -shaper::kInputLimit, shaper::kInputLimit);
+            wet[i] = std::clamp(wet[i] * drive[i], -shaper::kInputLimit, shaper::kInputLimit);
         ch.history.push(wet, n);
         shapeChannel(ch, m_activeType, n);
 
@@ -232,11 +239,14 @@ void QVDDistortion::renderChunk(const QVDBlock& block, std::int32_t offset, std:
         const bool flat = lowGain == highGain;
         for (std::size_t i = 0; i < n; ++i) {
             low = wet[i] + tiltPole * (low - wet[i]);
-            wet[i] = flat ? output * wet[i] : lowGain * low + highGain * (wet[i] - low);
+            wet[i] = output[i] * (flat ? wet[i] : lowGain * low + highGain * (wet[i] - low));
         }
         ch.tiltLow = std::isfinite(low) ? low : 0.0f;
 
         ch.dry.process(dry, n);
-        shaper::mixDryWet(dry, wet, block.outputs[c] + offset, n, mix);
+        if (mixSteady)
+            shaper::mixDryWet(dry, wet, block.outputs[c] + offset, n, mix);
+        else
+            shaper::mixDryWet(dry, wet, block.outputs[c] + offset, n, m_mixRun.data());
     }
 }

@@ -16,6 +16,7 @@
 
 #include <Algorithms/BiQuadTypes.h>
 #include <Algorithms/Oversampler.h>
+#include <Algorithms/ShaperSupport.h>
 #include <QVDEffect.h>
 
 class QVDDistortion : public QVDEffect<QVDDistortion> {
@@ -67,6 +68,9 @@ private:
     // Sized at prepare.
     std::vector<Channel> m_channels;
     std::vector<float> m_dry, m_wet, m_replay;
+    // Drive, mix and output glide with the host's smoothing.
+    shaper::Glide m_driveGlide, m_mixGlide, m_outputGlide;
+    std::vector<float> m_driveRun, m_mixRun, m_outputRun;
     std::int32_t m_chunk = 1;
     int m_activeType = -1;
     float m_designedHz = 0.0f;

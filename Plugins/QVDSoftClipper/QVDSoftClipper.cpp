@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include <Algorithms/Oversampler.h>
-#include <Algorithms/ShaperSupport.h>
+#include <SmoothingCoefficient.h>
 
 QVD_REGISTER_AUDIO_PLUGIN(QVDSoftClipper)
 
@@ -117,6 +117,8 @@ bool QVDSoftClipper::prepareProcessing()
     m_replay.assign(channels, std::vector<float>(reach, 0.0f));
     m_rows.assign(channels, nullptr);
     m_high.assign(channels, nullptr);
+    for (auto* run : {&m_driveRun, &m_mixRun, &m_outputRun})
+        run->assign(chunk, 0.0f);
     resetState();
     return setLatency(latency);
 }
@@ -130,6 +132,10 @@ void QVDSoftClipper::resetState() noexcept
         d.clear();
     for (FixedDelay& h : m_history)
         h.clear();
+    const auto relaxed = std::memory_order_relaxed;
+    m_driveGlide.jump(m_drive.load(relaxed));
+    m_mixGlide.jump(m_mix.load(relaxed));
+    m_outputGlide.jump(m_output.load(relaxed));
 }
 
 template <class Shape>
@@ -215,7 +221,13 @@ void QVDSoftClipper::renderChunk(const QVDBlock& block, std::int32_t offset, std
     const std::int32_t channels = block.channels;
     const auto n = static_cast<std::size_t>(frames);
     const float ceiling = m_ceiling.load(relaxed);
-    const float toCurve = m_drive.load(relaxed) / ceiling;
+    const SmoothingCoefficient& smoothing = SmoothingCoefficient::shared200ms();
+    const double a = smoothing.a(), b = smoothing.b();
+    const float drive = m_drive.load(relaxed);
+    float* toCurve = m_driveRun.data();
+    m_driveGlide.fill(drive, a, b, toCurve, n);
+    for (std::size_t i = 0; i < n; ++i)
+        toCurve[i] /= ceiling;
 
     for (std::int32_t c = 0; c < channels; ++c) {
         const auto ch = static_cast<std::size_t>(c);
@@ -224,7 +236,7 @@ void QVDSoftClipper::renderChunk(const QVDBlock& block, std::int32_t offset, std
         float* wet = m_wet[ch].data();
         for (std::size_t i = 0; i < n; ++i) {
             finite[i] = shaper::finiteOrZero(in[i]);
-            wet[i] = std::clamp(finite[i] * toCurve, -shaper::kInputLimit, shaper::kInputLimit);
+            wet[i] = std::clamp(finite[i] * toCurve[i], -shaper::kInputLimit, shaper::kInputLimit);
         }
         m_history[ch].push(wet, n);
         m_rows[ch] = wet;
@@ -233,6 +245,8 @@ void QVDSoftClipper::renderChunk(const QVDBlock& block, std::int32_t offset, std
 
     const float mix = m_mix.load(relaxed);
     const float output = m_output.load(relaxed);
+    const bool mixSteady = m_mixGlide.run(mix, a, b, m_mixRun.data(), n);
+    const float* gain = m_outputGlide.fill(output, a, b, m_outputRun.data(), n);
     const float limit = m_safety.load(relaxed) ? ceiling : INFINITY;
     for (std::int32_t c = 0; c < channels; ++c) {
         const auto ch = static_cast<std::size_t>(c);
@@ -242,9 +256,11 @@ void QVDSoftClipper::renderChunk(const QVDBlock& block, std::int32_t offset, std
         m_dry[ch].process(dry, n);
         for (std::size_t i = 0; i < n; ++i)
             wet[i] = std::clamp(wet[i] * ceiling, -limit, limit);
-        shaper::mixDryWet(dry, wet, out, n, mix);
-        if (output != 1.0f)
-            for (std::size_t i = 0; i < n; ++i)
-                out[i] *= output;
+        if (mixSteady)
+            shaper::mixDryWet(dry, wet, out, n, mix);
+        else
+            shaper::mixDryWet(dry, wet, out, n, m_mixRun.data());
+        for (std::size_t i = 0; i < n; ++i)
+            out[i] *= gain[i];
     }
 }

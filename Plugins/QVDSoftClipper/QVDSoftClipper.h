@@ -14,6 +14,7 @@
 #include <memory>
 #include <vector>
 
+#include <Algorithms/ShaperSupport.h>
 #include <QVDEffect.h>
 
 class Oversampler;
@@ -67,6 +68,9 @@ private:
     std::vector<std::vector<float>> m_replay;
     std::vector<float*> m_rows;
     std::vector<float*> m_high; // each channel's oversampled samples this chunk
+    // Drive, mix and output trim glide with the host's smoothing.
+    shaper::Glide m_driveGlide, m_mixGlide, m_outputGlide;
+    std::vector<float> m_driveRun, m_mixRun, m_outputRun;
     std::int32_t m_chunk = 1;
     int m_activeFactor = -1;
 };

@@ -200,3 +200,31 @@ TEST(SoftClipper, ChangingTheFactorWhilePlayingJoinsSeamlessly)
     for (std::size_t c = 0; c < 2; ++c)
         EXPECT_EQ(firstMismatch(b[c], a[c], 0), -1) << "channel " << c;
 }
+
+TEST(SoftClipper, WithSmoothingMixGlidesToTheDrySignalAndLandsOnItExactly)
+{
+    const std::size_t before = 4800, after = 96000;
+    const Signal in = sine(1, before + after, 1000.0, kRate, 0.5);
+    Signal first = silence(1, before), second = silence(1, after);
+    std::copy_n(in[0].begin(), before, first[0].begin());
+    std::copy_n(in[0].begin() + before, after, second[0].begin());
+    PluginFixture f(kKey);
+    ASSERT_TRUE(f.prepare(kRate, 256, 1, 1, true));
+    f.set("DRIVE", 24.0f);
+    f.run(first);
+    f.set("MIX", 0.0f);
+    const Signal out = f.run(second);
+    const auto latency = static_cast<std::size_t>(f.audio()->latency());
+    const auto dryError = [&](std::size_t from, std::size_t to) {
+        std::vector<float> e;
+        for (std::size_t n = from; n < to; ++n)
+            e.push_back(out[0][n] - in[0][before + n - latency]);
+        return dB(rms(e)) - dB(0.5 / std::sqrt(2.0));
+    };
+    EXPECT_GT(dryError(0, 240), -20.0) << "the mix jumped instead of gliding";
+    EXPECT_LT(dryError(0, 240), dryError(0, 24)) << "the first 5 ms should already move towards dry";
+    const std::size_t settled = 48000;
+    for (std::size_t n = settled; n < after; ++n)
+        ASSERT_EQ(std::bit_cast<std::uint32_t>(out[0][n]), std::bit_cast<std::uint32_t>(in[0][before + n - latency]))
+            << "frame " << n;
+}
