@@ -26,6 +26,15 @@ inline long firstMismatch(const std::vector<float>& in, const std::vector<float>
     return -1;
 }
 
+// Frames [from, from + frames) of every channel.
+inline Signal slice(const Signal& in, std::size_t from, std::size_t frames)
+{
+    Signal s;
+    for (const auto& ch : in)
+        s.emplace_back(ch.begin() + static_cast<long>(from), ch.begin() + static_cast<long>(from + frames));
+    return s;
+}
+
 // Noise with exact zeros of both signs among it, for bit-exact paths.
 inline Signal signedZeroNoise(int channels, std::size_t frames, unsigned seed)
 {

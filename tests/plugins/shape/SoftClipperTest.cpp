@@ -181,22 +181,16 @@ TEST(SoftClipper, ChangingTheFactorWhilePlayingJoinsSeamlessly)
     // Half a second at x2, then x8: from the change on, the output is the
     // one a run at x8 all along gives, bit for bit.
     const Signal in = noise(2, 48000, 21, 1.0f);
-    const auto half = [&](std::size_t part) {
-        Signal s = silence(2, 24000);
-        for (std::size_t c = 0; c < 2; ++c)
-            std::copy_n(in[c].begin() + static_cast<long>(part * 24000), 24000, s[c].begin());
-        return s;
-    };
     PluginFixture switched(kKey), steady(kKey);
     for (PluginFixture* f : {&switched, &steady}) {
         ASSERT_TRUE(f->prepare(kRate, 256, 2));
         f->set("DRIVE", 12.0f);
         f->set("LINK", 1.0f);
         f->set("OVERSAMPLING", f == &switched ? kX2 : kX8);
-        f->run(half(0), 3);
+        f->run(slice(in, 0, 24000), 3);
         f->set("OVERSAMPLING", kX8);
     }
-    const Signal a = switched.run(half(1), 5), b = steady.run(half(1), 5);
+    const Signal a = switched.run(slice(in, 24000, 24000), 5), b = steady.run(slice(in, 24000, 24000), 5);
     for (std::size_t c = 0; c < 2; ++c)
         EXPECT_EQ(firstMismatch(b[c], a[c], 0), -1) << "channel " << c;
 }
@@ -205,15 +199,12 @@ TEST(SoftClipper, WithSmoothingMixGlidesToTheDrySignalAndLandsOnItExactly)
 {
     const std::size_t before = 4800, after = 96000;
     const Signal in = sine(1, before + after, 1000.0, kRate, 0.5);
-    Signal first = silence(1, before), second = silence(1, after);
-    std::copy_n(in[0].begin(), before, first[0].begin());
-    std::copy_n(in[0].begin() + before, after, second[0].begin());
     PluginFixture f(kKey);
     ASSERT_TRUE(f.prepare(kRate, 256, 1, 1, true));
     f.set("DRIVE", 24.0f);
-    f.run(first);
+    f.run(slice(in, 0, before));
     f.set("MIX", 0.0f);
-    const Signal out = f.run(second);
+    const Signal out = f.run(slice(in, before, after));
     const auto latency = static_cast<std::size_t>(f.audio()->latency());
     const auto dryError = [&](std::size_t from, std::size_t to) {
         std::vector<float> e;
