@@ -52,8 +52,8 @@ void QVDDistortion::parameterChanged(std::uint32_t index, float value)
     const auto relaxed = std::memory_order_relaxed;
     switch (index) {
     case DRIVE: m_drive.store(shaper::gainOfDecibels(std::clamp(value, 0.0f, 36.0f)), relaxed); break;
-    case TYPE: m_type.store(std::clamp(qvdListIndex(value), 0, static_cast<int>(kSampleRate)), relaxed); break;
-    case BITS: m_bits.store(std::clamp(qvdListIndex(value), 1, 24), relaxed); break;
+    case TYPE: m_type.store(qvdListIndex(std::clamp(value, 0.0f, static_cast<float>(kSampleRate))), relaxed); break;
+    case BITS: m_bits.store(qvdListIndex(std::clamp(value, 1.0f, 24.0f)), relaxed); break;
     case SAMPLE_RATE: m_reducedRate.store(std::clamp(value, 200.0f, 48000.0f), relaxed); break;
     case TONE: m_tiltDb.store(std::clamp(value, -12.0f, 12.0f), relaxed); break;
     case LOW_CUT: m_lowCutHz.store(std::clamp(value, 10.0f, 1000.0f), relaxed); break;

@@ -82,9 +82,11 @@ void QVDSoftClipper::parameterChanged(std::uint32_t index, float value)
     switch (index) {
     case DRIVE: m_drive.store(shaper::gainOfDecibels(std::clamp(value, 0.0f, 24.0f)), relaxed); break;
     case CEILING: m_ceiling.store(shaper::gainOfDecibels(std::clamp(value, -20.0f, 0.0f)), relaxed); break;
-    case CURVE: m_curve.store(std::clamp(qvdListIndex(value), 0, static_cast<int>(kSmoothKnee)), relaxed); break;
+    case CURVE: m_curve.store(qvdListIndex(std::clamp(value, 0.0f, static_cast<float>(kSmoothKnee))), relaxed); break;
     case KNEE: m_kneeStart.store(shaper::gainOfDecibels(-std::clamp(value, 0.0f, 12.0f)), relaxed); break;
-    case OVERSAMPLING: m_factorIndex.store(std::clamp(qvdListIndex(value), 0, kFactorCount - 1), relaxed); break;
+    case OVERSAMPLING:
+        m_factorIndex.store(qvdListIndex(std::clamp(value, 0.0f, static_cast<float>(kFactorCount - 1))), relaxed);
+        break;
     case OUTPUT: m_output.store(shaper::gainOfDecibels(std::clamp(value, -12.0f, 12.0f)), relaxed); break;
     case MIX: m_mix.store(std::clamp(value, 0.0f, 100.0f) / 100.0f, relaxed); break;
     case LINK: m_linked.store(qvdSwitchOn(std::clamp(value, 0.0f, 1.0f)), relaxed); break;

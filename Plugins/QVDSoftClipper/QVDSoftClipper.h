@@ -5,9 +5,12 @@
 // Latency is that of the longest chain (x8) at every setting: the shorter
 // chains are padded to it, so the oversampling factor can change while audio
 // runs without the audio moving in time. The chain coming in first replays
-// the recent input it missed, so it takes over as if it had run all along. The downsampler's ringing can lift
-// peaks a little above the ceiling when oversampling; the safety clip, when
-// on, cuts the wet signal back to the ceiling after it.
+// the recent input it missed, so it takes over as if it had run all along.
+//
+// Without oversampling no curve passes the ceiling. Oversampled, removing
+// the clipped wave's harmonics above the host's Nyquist brings peaks back:
+// about 0.1 dB on low tones, up to 5 dB on full-band noise driven hard. The
+// safety clip, when on, cuts the wet signal back to the ceiling after it.
 
 #include <atomic>
 #include <cstdint>
