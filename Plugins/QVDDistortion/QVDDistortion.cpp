@@ -130,12 +130,14 @@ void QVDDistortion::switchType(std::int32_t channels) noexcept
 {
     // The path coming in holds history from its last spell: clear it and
     // replay what it missed, so it joins the outgoing one's output.
-    const auto chunk = static_cast<std::size_t>(m_chunk);
-    for (std::int32_t c = 0; c < channels; ++c) {
-        Channel& ch = m_channels[static_cast<std::size_t>(c)];
+    for (Channel& ch : m_channels) {
         ch.curves->reset();
         ch.reducer->reset();
         ch.blockIn = ch.blockOut = 0.0f;
+    }
+    const auto chunk = static_cast<std::size_t>(m_chunk);
+    for (std::int32_t c = 0; c < channels; ++c) {
+        Channel& ch = m_channels[static_cast<std::size_t>(c)];
         ch.history.copyHeld(m_replay.data());
         for (std::size_t done = 0; done < m_replay.size(); done += chunk) {
             const std::size_t n = std::min(chunk, m_replay.size() - done);
