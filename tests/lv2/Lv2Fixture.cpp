@@ -57,6 +57,11 @@ std::vector<std::pair<const qvd::ParameterInfo*, float>> offDefaultSettings(cons
         }
         out.emplace_back(&p, value);
     }
+    // A value that moves the latency (a limiter's look-ahead) takes effect at
+    // the next activation, and ffmpeg sets controls after activating: such
+    // values stay at their defaults here so every host runs the same thing.
+    const std::uint64_t base = directLatency(v, 48000);
+    std::erase_if(out, [&](const auto& setting) { return directLatency(v, 48000, {setting}) != base; });
     return out;
 }
 
@@ -64,9 +69,14 @@ namespace {
 
 struct Direct {
     qvd::PluginInstance* p;
-    Direct(const qvd::lv2::Variant& v, double rate, int block)
+    // Settings go in before prepare, as the wrapper's activate applies a
+    // host's values: some (a look-ahead) take effect at the next prepare.
+    Direct(const qvd::lv2::Variant& v, double rate, int block,
+           const std::vector<std::pair<const qvd::ParameterInfo*, float>>& settings = {})
         : p(registry().createPlugin(qvd::kAudioPlugin, v.key.c_str()))
     {
+        for (const auto& [info, value] : settings)
+            p->setParameter(info->index, value);
         const qvd::PrepareConfig config{v.inputs ? v.layout->format : qvd::kFormatNone, v.layout->format, 1, 0};
         p->getAudioInterface()->prepare(static_cast<float>(rate), block, &config);
     }
@@ -78,9 +88,7 @@ struct Direct {
 Signal processDirect(const qvd::lv2::Variant& v, double rate, const Signal& in,
                      const std::vector<std::pair<const qvd::ParameterInfo*, float>>& settings, int block)
 {
-    Direct d(v, rate, block);
-    for (const auto& [info, value] : settings)
-        d.p->setParameter(info->index, value);
+    Direct d(v, rate, block, settings);
     const std::size_t frames = in.empty() ? 0 : in[0].size();
     Signal out(static_cast<std::size_t>(v.outputs), std::vector<float>(frames));
     std::vector<const float*> ins(in.size());
@@ -112,9 +120,10 @@ std::vector<float> directParameters(const qvd::lv2::Variant& v,
     return values;
 }
 
-std::uint64_t directLatency(const qvd::lv2::Variant& v, double rate)
+std::uint64_t directLatency(const qvd::lv2::Variant& v, double rate,
+                            const std::vector<std::pair<const qvd::ParameterInfo*, float>>& settings)
 {
-    return Direct(v, rate, 512).p->getLatency();
+    return Direct(v, rate, 512, settings).p->getLatency();
 }
 
 ::testing::internal::ParamGenerator<std::string> allVariants()

@@ -30,7 +30,8 @@ Signal processDirect(const qvd::lv2::Variant& v, double rate, const Signal& in,
 // Every parameter's value after `settings`, by index: what a saved state holds.
 std::vector<float> directParameters(const qvd::lv2::Variant& v,
                                     const std::vector<std::pair<const qvd::ParameterInfo*, float>>& settings);
-std::uint64_t directLatency(const qvd::lv2::Variant& v, double rate);
+std::uint64_t directLatency(const qvd::lv2::Variant& v, double rate,
+                            const std::vector<std::pair<const qvd::ParameterInfo*, float>>& settings = {});
 
 // Catalog URIs for value-parameterised tests, named "gain_1364608878_stereo".
 ::testing::internal::ParamGenerator<std::string> allVariants();

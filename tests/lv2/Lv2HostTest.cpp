@@ -183,7 +183,9 @@ TEST_P(Lv2Variant, StateRestoresEveryParameterByIdentifier)
     }
     // Parameters may move each other (a room's size follows its sides), so
     // the state holds what the plugin reports, not what the ports said.
-    ASSERT_EQ(saved.values.size(), settings.size());
+    const auto parameters = std::count_if(v().ports.begin(), v().ports.end(),
+                                          [](const auto& port) { return port.role == qvd::lv2::PortRole::Parameter; });
+    ASSERT_EQ(saved.values.size(), static_cast<std::size_t>(parameters));
     const auto reported = directParameters(v(), settings);
     for (const auto& [info, value] : settings) {
         const auto it = saved.values.find(host().urids().map(qvd::lv2::stateKey(info->identifier).c_str()));

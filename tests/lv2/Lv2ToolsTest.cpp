@@ -228,7 +228,7 @@ TEST_P(Lv2Apply, LilvAndFfmpegGiveTheSamplesOfQvdfxProcess)
         ASSERT_EQ(process.status, 0) << process.err;
         const Signal reference = readWav(viaQvdfx);
         ASSERT_EQ(reference.size(), static_cast<std::size_t>(v.outputs));
-        const auto latency = static_cast<std::size_t>(directLatency(v, rate));
+        const auto latency = static_cast<std::size_t>(directLatency(v, rate, settings));
 
         const std::vector<std::pair<std::string, std::string>> hosts = {
             {"lv2apply", "lv2apply -i " + quote(in) + " -o " + quote(dir / "lv2apply.wav") + lv2applyControls + " " +
