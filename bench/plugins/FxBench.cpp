@@ -1,0 +1,23 @@
+// Modulation and echo effects at 48 kHz, 512-frame stereo blocks.
+#include "StereoPlugin.h"
+
+namespace {
+
+using qvd::bench::Stereo;
+
+void BM_Flanger(benchmark::State& state)
+{
+    Stereo("Flanger:1364608121", {{"QVDFlanger::FEEDBACK", 70.0f},
+                                  {"QVDFlanger::RATE", 2.0f},
+                                  {"QVDFlanger::SHAPE", 1.0f}})
+        .run(state);
+}
+BENCHMARK(BM_Flanger);
+
+void BM_FlangerThroughZero(benchmark::State& state)
+{
+    Stereo("Flanger:1364608121", {{"QVDFlanger::FEEDBACK", -50.0f}, {"QVDFlanger::THROUGH_ZERO", 1.0f}}).run(state);
+}
+BENCHMARK(BM_FlangerThroughZero);
+
+} // namespace

@@ -1,0 +1,149 @@
+#include <gtest/gtest.h>
+
+#include <qvd/HostExtensions.h>
+
+#include "../../support/PluginFixture.h"
+
+using namespace qvd::test;
+
+namespace {
+
+const std::string kKey = "Flanger:1364608121";
+constexpr double kRate = 48000.0;
+constexpr std::size_t kEvery = 1200; // one impulse per 25 ms, longer than any delay
+
+Signal impulseTrain(std::size_t frames)
+{
+    Signal s = silence(2, frames);
+    for (auto& ch : s)
+        for (std::size_t n = 0; n < frames; n += kEvery)
+            ch[n] = 1.0f;
+    return s;
+}
+
+// Wet only, no feedback: the delay of each impulse's echo in ms, one per
+// impulse of the train, by its centre of mass.
+std::vector<double> echoDelaysMs(PluginFixture& fx, double seconds, int channel = 0)
+{
+    fx.set("MIX", 100.0f);
+    fx.set("FEEDBACK", 0.0f);
+    const Signal out = fx.run(impulseTrain(static_cast<std::size_t>(seconds * kRate)), 5);
+    std::vector<double> delays;
+    const auto& y = out[static_cast<std::size_t>(channel)];
+    for (std::size_t at = 0; at + kEvery <= y.size(); at += kEvery) {
+        double sum = 0.0, moment = 0.0;
+        for (std::size_t k = 0; k < kEvery; ++k) {
+            sum += y[at + k];
+            moment += y[at + k] * static_cast<double>(k);
+        }
+        delays.push_back(moment / sum / kRate * 1e3);
+    }
+    return delays;
+}
+
+// The LFO's period in seconds from the rising crossings of its mean.
+double sweepPeriod(const std::vector<double>& delays)
+{
+    double mean = 0.0;
+    for (double d : delays)
+        mean += d / static_cast<double>(delays.size());
+    std::vector<double> rising;
+    for (std::size_t k = 1; k < delays.size(); ++k)
+        if (delays[k - 1] < mean && delays[k] >= mean)
+            rising.push_back((static_cast<double>(k - 1) + (mean - delays[k - 1]) / (delays[k] - delays[k - 1])) *
+                             static_cast<double>(kEvery) / kRate);
+    if (rising.size() < 2)
+        return 0.0;
+    return (rising.back() - rising.front()) / static_cast<double>(rising.size() - 1);
+}
+
+class FixedTempo : public qvd::HostExtensions {
+public:
+    std::int32_t extensionsVersion() const override { return 1; }
+    bool tempoAt(std::int64_t, double* bpm, std::int32_t* numerator, std::int32_t* denominator) override
+    {
+        *bpm = 120.0;
+        *numerator = 4;
+        *denominator = 4;
+        return true;
+    }
+    bool fetchAudio(std::uint64_t, const char*, std::int64_t, float* const*, std::int32_t, std::int32_t) override
+    {
+        return false;
+    }
+};
+
+} // namespace
+
+TEST(Flanger, SweepStaysInsideTheSetDelayRange)
+{
+    PluginFixture fx(kKey);
+    ASSERT_TRUE(fx.prepare(kRate, 256, 2));
+    fx.set("DELAY", 8.0f);
+    fx.set("DEPTH", 50.0f);
+    fx.set("RATE", 1.3f);
+    for (int c = 0; c < 2; ++c) {
+        const auto delays = echoDelaysMs(fx, 3.0, c);
+        const auto [low, high] = std::minmax_element(delays.begin(), delays.end());
+        // 4 to 8 ms; over four cycles the readings come near both ends.
+        EXPECT_GE(*low, 4.0 - 0.02) << c;
+        EXPECT_LE(*high, 8.0 + 0.02) << c;
+        EXPECT_LT(*low, 4.1) << c;
+        EXPECT_GT(*high, 7.9) << c;
+    }
+}
+
+TEST(Flanger, NotchesSitWhereTheDelayPutsThem)
+{
+    for (const float delayMs : {1.0f, 2.5f}) {
+        PluginFixture fx(kKey);
+        ASSERT_TRUE(fx.prepare(kRate, 256, 2));
+        fx.set("DELAY", delayMs);
+        fx.set("DEPTH", 0.0f);
+        fx.set("FEEDBACK", 0.0f);
+        fx.set("MIX", 50.0f);
+        const double notch = 1.0 / (2.0 * delayMs * 1e-3);
+        // Notches at odd multiples of 1 / 2d, peaks at the even ones.
+        for (const double hz : {notch, 3.0 * notch}) {
+            const Signal out = fx.run(sine(2, 24000, hz, kRate));
+            EXPECT_LT(toneDb(out[0], hz, kRate, 4800, 24000), dB(0.5) - 40.0) << delayMs << " ms " << hz << " Hz";
+        }
+        const Signal peak = fx.run(sine(2, 24000, 2.0 * notch, kRate));
+        EXPECT_NEAR(toneDb(peak[1], 2.0 * notch, kRate, 4800, 24000), dB(0.5), 0.05) << delayMs;
+    }
+}
+
+TEST(Flanger, MixZeroIsTheInputBitForBit)
+{
+    PluginFixture fx(kKey);
+    ASSERT_TRUE(fx.prepare(kRate, 256, 2));
+    fx.set("FEEDBACK", 90.0f);
+    fx.set("RATE", 4.0f);
+    fx.set("MIX", 0.0f);
+    const Signal in = noise(2, 48000, 9);
+    EXPECT_EQ(fx.run(in, 3), in);
+}
+
+TEST(Flanger, QuarterNoteSyncAtTheHostsTempoSweepsEveryHalfSecond)
+{
+    auto* registry = static_cast<qvd::PluginInterface*>(GetQVDPluginInterface());
+    FixedTempo tempo;
+    registry->setHostExtensions(&tempo);
+    PluginFixture synced(kKey);
+    registry->setHostExtensions(nullptr);
+    ASSERT_TRUE(synced.prepare(kRate, 256, 2));
+    synced.set("DELAY", 6.0f);
+    synced.set("DEPTH", 80.0f);
+    synced.set("RATE", 0.5f);
+    synced.set("SYNC", 1.0f + 6.0f); // 1/4, after "Free" and three values each of 1/1 and 1/2
+    EXPECT_NEAR(sweepPeriod(echoDelaysMs(synced, 4.0)), 0.5, 0.005);
+
+    // Without a tempo from the host the free rate runs.
+    PluginFixture free(kKey);
+    ASSERT_TRUE(free.prepare(kRate, 256, 2));
+    free.set("DELAY", 6.0f);
+    free.set("DEPTH", 80.0f);
+    free.set("RATE", 0.5f);
+    free.set("SYNC", 7.0f);
+    EXPECT_NEAR(sweepPeriod(echoDelaysMs(free, 8.0)), 2.0, 0.02);
+}
