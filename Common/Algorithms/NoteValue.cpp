@@ -17,6 +17,14 @@ std::vector<std::string> labels()
     return out;
 }
 
+std::vector<std::string> syncLabels()
+{
+    std::vector<std::string> out{"Free"};
+    for (auto& label : labels())
+        out.push_back(std::move(label));
+    return out;
+}
+
 double beats(std::int32_t index) noexcept
 {
     index = std::clamp(index, 0, kCount - 1);

@@ -13,6 +13,8 @@ constexpr std::int32_t kCount = 21;
 
 // The labels in index order, for a list parameter.
 std::vector<std::string> labels();
+// "Free" followed by the labels: a sync choice whose index - 1 is the note value.
+std::vector<std::string> syncLabels();
 // Length in quarter notes; the nearest valid index is used outside 0..kCount-1.
 double beats(std::int32_t index) noexcept;
 // Length in seconds at `bpm` quarter notes per minute (bpm > 0).

@@ -3,22 +3,16 @@
 #include <algorithm>
 #include <cmath>
 
+#include <Algorithms/Glide.h>
 #include <Algorithms/LFO.h>
 #include <Algorithms/NoteValue.h>
 #include <Algorithms/SoftLimit.h>
+#include <Algorithms/WaveTable.h>
 #include <SmoothingCoefficient.h>
 
 QVD_REGISTER_AUDIO_PLUGIN(QVDFlanger)
 
 namespace {
-
-std::vector<std::string> syncLabels()
-{
-    std::vector<std::string> labels{"Free"};
-    for (auto& note : qvd::notes::labels())
-        labels.push_back(std::move(note));
-    return labels;
-}
 
 // Time settings settle in about 20 ms: quick enough to follow a hand, slow
 // enough that a jump of the whole range sweeps instead of clicking.
@@ -36,7 +30,7 @@ std::vector<QVDParam> QVDFlanger::parameterRows()
         {.name = "DEPTH", .label = "Depth", .maximum = 100.0f, .defaultValue = 50.0f, .step = 1.0f, .unit = "%"},
         {.name = "RATE", .label = "Rate", .minimum = 0.01f, .maximum = 10.0f, .defaultValue = 0.25f, .step = 0.01f,
          .unit = "Hz", .scale = qvd::kLogarithmic},
-        qvdListParam("SYNC", "Sync", syncLabels(), 0),
+        qvdListParam("SYNC", "Sync", qvd::notes::syncLabels(), 0),
         qvdListParam("SHAPE", "Shape", {"Sine", "Triangle", "Saw", "Ramp", "Square", "Random"}, 0),
         {.name = "FEEDBACK", .label = "Feedback", .minimum = -99.0f, .maximum = 99.0f, .step = 1.0f, .unit = "%"},
         {.name = "PHASE", .label = "Stereo Phase", .maximum = 360.0f, .defaultValue = 90.0f, .step = 1.0f,
@@ -94,18 +88,6 @@ double QVDFlanger::lfoIncrement(const QVDBlock& block) const noexcept
     return m_rateHz.load(std::memory_order_relaxed) / sampleRate();
 }
 
-namespace {
-
-// One-pole step that lands on its target instead of creeping forever, so a
-// settled setting costs nothing and reads back exactly.
-inline double glideTo(double state, double target, double g) noexcept
-{
-    const double next = target + g * (state - target);
-    return std::fabs(next - target) < 1e-9 ? target : next;
-}
-
-} // namespace
-
 void QVDFlanger::render(const QVDBlock& block) noexcept
 {
     if (block.channels < 1)
@@ -150,14 +132,9 @@ void QVDFlanger::renderFrames(const QVDBlock& block, const Targets& t) noexcept
             offset = glideTo(offset, t.offset, g);
             mix = glideTo(mix, t.mix, a);
         }
-        const double p[2] = {phase * LFO::kSteps, (phase + offset) * LFO::kSteps};
         double read[2];
         for (int c = 0; c < 2; ++c) {
-            // p < 2 * 256: one mask wraps it into the table.
-            const auto whole = static_cast<std::int32_t>(p[c]);
-            const auto frac = static_cast<float>(p[c] - whole);
-            const std::int32_t i = whole & (LFO::kSteps - 1);
-            const float lfo = table[i] + frac * (table[i + 1] - table[i]);
+            const float lfo = waveAt(table, c == 0 ? phase : phase + offset);
             // Plain: from delay (1 - depth) at the LFO's bottom to delay at its
             // top. Through zero: the centre plus or minus depth x delay.
             if constexpr (throughZero)

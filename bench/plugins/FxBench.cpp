@@ -20,4 +20,16 @@ void BM_FlangerThroughZero(benchmark::State& state)
 }
 BENCHMARK(BM_FlangerThroughZero);
 
+void BM_EchoEightTaps(benchmark::State& state)
+{
+    Stereo("Echo:1364608121", {{"QVDStereoEcho::TAPS", 8.0f}, {"QVDStereoEcho::FEEDBACK", 60.0f}}).run(state);
+}
+BENCHMARK(BM_EchoEightTaps);
+
+void BM_EchoTape(benchmark::State& state)
+{
+    Stereo("Echo:1364608121", {{"QVDStereoEcho::TAPS", 4.0f}, {"QVDStereoEcho::MODE", 1.0f}}).run(state);
+}
+BENCHMARK(BM_EchoTape);
+
 } // namespace

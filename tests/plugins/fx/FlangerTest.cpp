@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <qvd/HostExtensions.h>
-
 #include "../../support/PluginFixture.h"
+#include "FixedTempo.h"
 
 using namespace qvd::test;
 
@@ -57,22 +56,6 @@ double sweepPeriod(const std::vector<double>& delays)
     return (rising.back() - rising.front()) / static_cast<double>(rising.size() - 1);
 }
 
-class FixedTempo : public qvd::HostExtensions {
-public:
-    std::int32_t extensionsVersion() const override { return 1; }
-    bool tempoAt(std::int64_t, double* bpm, std::int32_t* numerator, std::int32_t* denominator) override
-    {
-        *bpm = 120.0;
-        *numerator = 4;
-        *denominator = 4;
-        return true;
-    }
-    bool fetchAudio(std::uint64_t, const char*, std::int64_t, float* const*, std::int32_t, std::int32_t) override
-    {
-        return false;
-    }
-};
-
 } // namespace
 
 TEST(Flanger, SweepStaysInsideTheSetDelayRange)
@@ -126,11 +109,9 @@ TEST(Flanger, MixZeroIsTheInputBitForBit)
 
 TEST(Flanger, QuarterNoteSyncAtTheHostsTempoSweepsEveryHalfSecond)
 {
-    auto* registry = static_cast<qvd::PluginInterface*>(GetQVDPluginInterface());
-    FixedTempo tempo;
-    registry->setHostExtensions(&tempo);
+    FixedTempo tempo(120.0);
     PluginFixture synced(kKey);
-    registry->setHostExtensions(nullptr);
+    tempo.detach();
     ASSERT_TRUE(synced.prepare(kRate, 256, 2));
     synced.set("DELAY", 6.0f);
     synced.set("DEPTH", 80.0f);
