@@ -66,7 +66,7 @@ bool QVDFlanger::prepareProcessing()
     const double rate = sampleRate();
     // Through zero reaches the centre plus the full swing: twice the longest delay.
     m_line.prepare(rate, static_cast<std::int32_t>(std::ceil(2.0 * kMaxDelayMs * 1e-3 * rate + kLineMargin)) + 4);
-    m_glide = std::exp(-1.0 / (kGlideSeconds * rate));
+    m_controlGlide = std::exp(-kControlPeriod / (kGlideSeconds * rate));
     resetState();
     return true;
 }
@@ -93,67 +93,80 @@ void QVDFlanger::render(const QVDBlock& block) noexcept
     if (block.channels < 1)
         return;
     const auto relaxed = std::memory_order_relaxed;
-    const double rate = sampleRate();
-    Targets t{m_delayMs.load(relaxed) * 1e-3 * rate, m_depth.load(relaxed), m_phaseOffset.load(relaxed),
-              m_mix.load(relaxed)};
+    const Targets t{m_delayMs.load(relaxed) * 1e-3 * sampleRate(), m_depth.load(relaxed), m_phaseOffset.load(relaxed),
+                    m_mix.load(relaxed)};
+    const bool throughZero = m_throughZero.load(relaxed);
+    const float* table = LFO::table(m_shape.load(relaxed));
     if (m_fresh) {
         m_delayState = t.delay;
         m_depthState = t.depth;
         m_offsetState = t.offset;
         m_mixState = t.mix;
+        readPositions(throughZero, table, m_read);
+        m_step[0] = m_step[1] = m_step[2] = 0.0;
+        m_countdown = 0;
         m_fresh = false;
     }
-    if (m_throughZero.load(relaxed))
-        renderFrames<true>(block, t);
+    if (throughZero)
+        renderFrames<true>(block, t, table);
     else
-        renderFrames<false>(block, t);
+        renderFrames<false>(block, t, table);
+}
+
+void QVDFlanger::readPositions(bool throughZero, const float* table, double* read) const noexcept
+{
+    const double limit = static_cast<double>(m_line.capacity());
+    const double delay = m_delayState, depth = m_depthState;
+    for (int c = 0; c < 2; ++c) {
+        const float lfo = waveAt(table, c == 0 ? m_phase : m_phase + m_offsetState);
+        // Plain: from delay (1 - depth) at the LFO's bottom to delay at its
+        // top. Through zero: the centre plus or minus depth x delay.
+        read[c] = throughZero ? delay + kLineMargin + depth * delay * lfo : delay * (1.0 - 0.5 * depth * (1.0 - lfo));
+        read[c] = std::clamp(read[c], kLineMargin, limit);
+    }
+    read[2] = std::min(delay + kLineMargin, limit);
 }
 
 template <bool throughZero>
-void QVDFlanger::renderFrames(const QVDBlock& block, const Targets& t) noexcept
+void QVDFlanger::renderFrames(const QVDBlock& block, const Targets& t, const float* table) noexcept
 {
-    const auto relaxed = std::memory_order_relaxed;
-    const double increment = lfoIncrement(block);
-    const float* table = LFO::table(m_shape.load(relaxed));
-    const float feedback = m_feedback.load(relaxed);
-    const double g = m_glide;
+    const double increment = lfoIncrement(block) * kControlPeriod;
+    const float feedback = m_feedback.load(std::memory_order_relaxed);
     const double a = SmoothingCoefficient::shared200ms().a();
 
     const float* inL = block.inputs[0];
     const float* inR = block.inputCount >= 2 ? block.inputs[1] : block.inputs[0];
     float* outL = block.outputs[0];
     float* outR = block.outputCount >= 2 ? block.outputs[1] : nullptr;
-    double phase = m_phase, delay = m_delayState, depth = m_depthState, offset = m_offsetState, mix = m_mixState;
-    const double limit = static_cast<double>(m_line.capacity());
+    double mix = m_mixState;
     for (std::int32_t n = 0; n < block.frames; ++n) {
-        if (delay != t.delay || depth != t.depth || offset != t.offset || mix != t.mix) {
-            delay = glideTo(delay, t.delay, g);
-            depth = glideTo(depth, t.depth, g);
-            offset = glideTo(offset, t.offset, g);
-            mix = glideTo(mix, t.mix, a);
+        if (m_countdown == 0) {
+            // The sweep is far below audio rate: the LFO and the time settings
+            // run every kControlPeriod frames, counted from the stream's start
+            // so any block split gives the same reads, and the read positions
+            // ramp straight to the next point.
+            m_delayState = glideTo(m_delayState, t.delay, m_controlGlide);
+            m_depthState = glideTo(m_depthState, t.depth, m_controlGlide);
+            m_offsetState = glideTo(m_offsetState, t.offset, m_controlGlide);
+            m_phase += increment;
+            m_phase -= m_phase >= 1.0 ? 1.0 : 0.0;
+            double next[3];
+            readPositions(throughZero, table, next);
+            for (int c = 0; c < 3; ++c)
+                m_step[c] = (next[c] - m_read[c]) / kControlPeriod;
+            m_countdown = kControlPeriod;
         }
-        double read[2];
-        for (int c = 0; c < 2; ++c) {
-            const float lfo = waveAt(table, c == 0 ? phase : phase + offset);
-            // Plain: from delay (1 - depth) at the LFO's bottom to delay at its
-            // top. Through zero: the centre plus or minus depth x delay.
-            if constexpr (throughZero)
-                read[c] = delay + kLineMargin + depth * delay * lfo;
-            else
-                read[c] = delay * (1.0 - 0.5 * depth * (1.0 - lfo));
-            read[c] = std::clamp(read[c], kLineMargin, limit);
-        }
-        phase += increment;
-        if (phase >= 1.0)
-            phase -= 1.0;
+        --m_countdown;
+        for (int c = 0; c < 3; ++c)
+            m_read[c] += m_step[c];
+        mix = glideTo(mix, t.mix, a);
 
-        const float wetL = m_line.tap(0, read[0]);
-        const float wetR = m_line.tap(1, read[1]);
+        const float wetL = m_line.tap(0, m_read[0]);
+        const float wetR = m_line.tap(1, m_read[1]);
         float dryL = inL[n], dryR = inR[n];
         if constexpr (throughZero) {
-            const double centre = std::min(delay + kLineMargin, limit);
-            dryL = m_line.tap(0, centre);
-            dryR = m_line.tap(1, centre);
+            dryL = m_line.tap(0, m_read[2]);
+            dryR = m_line.tap(1, m_read[2]);
         }
         // The loop's gain may reach 0.99 at a resonance: the limiter holds its
         // level within a few dB of full scale.
@@ -164,9 +177,5 @@ void QVDFlanger::renderFrames(const QVDBlock& block, const Targets& t) noexcept
         if (outR)
             outR[n] = dryGain * dryR + wetGain * wetR;
     }
-    m_phase = phase;
-    m_delayState = delay;
-    m_depthState = depth;
-    m_offsetState = offset;
     m_mixState = mix;
 }

@@ -42,7 +42,10 @@ private:
         double delay, depth, offset, mix;
     };
     template <bool throughZero>
-    void renderFrames(const QVDBlock& block, const Targets& targets) noexcept;
+    void renderFrames(const QVDBlock& block, const Targets& targets, const float* table) noexcept;
+    // Left and right wet reads and the through-zero dry read, in samples, at
+    // the current phase and settings.
+    void readPositions(bool throughZero, const float* table, double* read) const noexcept;
 
     std::atomic<float> m_delayMs{2.0f};
     std::atomic<float> m_depth{0.5f};
@@ -60,5 +63,9 @@ private:
     double m_phase = 0.0; // cycles, [0, 1)
     // Glided settings: delay in samples, depth 0..1, phase offset, mix.
     double m_delayState = 0.0, m_depthState = 0.0, m_offsetState = 0.0, m_mixState = 0.0;
-    double m_glide = 0.0; // one-pole coefficient of the time settings
+    // Frames between LFO and setting updates; reads ramp between them.
+    static constexpr int kControlPeriod = 16;
+    double m_controlGlide = 0.0; // one-pole coefficient of the time settings per update
+    int m_countdown = 0;
+    double m_read[3]{}, m_step[3]{};
 };
