@@ -32,4 +32,10 @@ void BM_EchoTape(benchmark::State& state)
 }
 BENCHMARK(BM_EchoTape);
 
+void BM_PhaserTwelveStages(benchmark::State& state)
+{
+    Stereo("Modulation:1364610412", {{"QVDModulation::MODE", 4.0f}, {"QVDModulation::STAGES", 4.0f}}).run(state);
+}
+BENCHMARK(BM_PhaserTwelveStages);
+
 } // namespace
