@@ -38,4 +38,10 @@ void BM_PhaserTwelveStages(benchmark::State& state)
 }
 BENCHMARK(BM_PhaserTwelveStages);
 
+void BM_StereoFixer(benchmark::State& state)
+{
+    Stereo("Stereo Fixer:1364611910", {}).run(state);
+}
+BENCHMARK(BM_StereoFixer);
+
 } // namespace
