@@ -8,6 +8,7 @@
 #include <Algorithms/LFO.h>
 #include <Algorithms/NoteValue.h>
 #include <Algorithms/SoftLimit.h>
+#include <Algorithms/StereoPorts.h>
 #include <Algorithms/WaveTable.h>
 #include <SmoothingCoefficient.h>
 
@@ -152,10 +153,7 @@ void QVDStereoEcho::render(const QVDBlock& block) noexcept
     const double a = SmoothingCoefficient::shared200ms().a();
     const double top = static_cast<double>(m_line.capacity());
 
-    const float* inL = block.inputs[0];
-    const float* inR = block.inputCount >= 2 ? block.inputs[1] : block.inputs[0];
-    float* outL = block.outputs[0];
-    float* outR = block.outputCount >= 2 ? block.outputs[1] : nullptr;
+    const auto [inL, inR, outL, outR] = StereoPorts(block);
     double mix = m_mixState;
     for (std::int32_t n = 0; n < block.frames; ++n) {
         double shift = 0.0;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include <Algorithms/StereoPorts.h>
+
 QVD_REGISTER_AUDIO_PLUGIN(QVDStereoFixer)
 
 namespace {
@@ -173,10 +175,7 @@ void QVDStereoFixer::render(const QVDBlock& block) noexcept
 {
     if (block.channels < 1)
         return;
-    const float* inL = block.inputs[0];
-    const float* inR = block.inputCount >= 2 ? block.inputs[1] : block.inputs[0];
-    float* outL = block.outputs[0];
-    float* outR = block.outputCount >= 2 ? block.outputs[1] : nullptr;
+    const auto [inL, inR, outL, outR] = StereoPorts(block);
     const auto window = static_cast<std::int32_t>(m_windowSeconds.load(std::memory_order_relaxed) * sampleRate());
     float* corr = m_correlation.data();
     const std::int32_t lags = m_span;

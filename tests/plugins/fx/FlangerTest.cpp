@@ -109,22 +109,22 @@ TEST(Flanger, MixZeroIsTheInputBitForBit)
 
 TEST(Flanger, QuarterNoteSyncAtTheHostsTempoSweepsEveryHalfSecond)
 {
+    // 1/4 sync (after "Free" and three values each of 1/1 and 1/2) over a 0.5 Hz free rate.
+    const auto sweeping = [](PluginFixture& fx) {
+        ASSERT_TRUE(fx.prepare(kRate, 256, 2));
+        fx.set("DELAY", 6.0f);
+        fx.set("DEPTH", 80.0f);
+        fx.set("RATE", 0.5f);
+        fx.set("SYNC", 1.0f + 6.0f);
+    };
     FixedTempo tempo(120.0);
     PluginFixture synced(kKey);
     tempo.detach();
-    ASSERT_TRUE(synced.prepare(kRate, 256, 2));
-    synced.set("DELAY", 6.0f);
-    synced.set("DEPTH", 80.0f);
-    synced.set("RATE", 0.5f);
-    synced.set("SYNC", 1.0f + 6.0f); // 1/4, after "Free" and three values each of 1/1 and 1/2
+    sweeping(synced);
     EXPECT_NEAR(sweepPeriod(echoDelaysMs(synced, 4.0)), 0.5, 0.005);
 
     // Without a tempo from the host the free rate runs.
     PluginFixture free(kKey);
-    ASSERT_TRUE(free.prepare(kRate, 256, 2));
-    free.set("DELAY", 6.0f);
-    free.set("DEPTH", 80.0f);
-    free.set("RATE", 0.5f);
-    free.set("SYNC", 7.0f);
+    sweeping(free);
     EXPECT_NEAR(sweepPeriod(echoDelaysMs(free, 8.0)), 2.0, 0.02);
 }
