@@ -109,3 +109,32 @@ TEST(StereoEcho, NoteValueTapsFollowTheHostsTempo)
     const Signal out = fx.run(impulse(2, 24000));
     EXPECT_EQ(nonZero(out[0]), (std::vector<std::size_t>{8000, 12000}));
 }
+
+TEST(StereoEcho, TapeWowAndFlutterDriftTheEchoAroundItsTime)
+{
+    PluginFixture fx(kKey);
+    setUp(fx, {{100.0f, 0.0f, 0.0f}}, 0.0f);
+    fx.set("MODE", 1.0f);
+    fx.set("WOW_FLUTTER", 100.0f);
+    fx.set("SATURATION", 0.0f);
+    // A small click every 200 ms, well inside tape's linear range.
+    Signal in = silence(2, 4 * 48000);
+    for (std::size_t n = 0; n < in[0].size(); n += 9600)
+        in[0][n] = in[1][n] = 0.01f;
+    const Signal out = fx.run(in, 19);
+    double earliest = 1e9, latest = 0.0;
+    for (std::size_t at = 0; at + 9600 <= out[0].size(); at += 9600) {
+        double sum = 0.0, moment = 0.0;
+        for (std::size_t k = 0; k < 9600; ++k) {
+            sum += out[0][at + k];
+            moment += out[0][at + k] * static_cast<double>(k);
+        }
+        const double ms = moment / sum / kRate * 1e3;
+        earliest = std::min(earliest, ms);
+        latest = std::max(latest, ms);
+    }
+    // 1.5 ms of wow and 0.12 ms of flutter either side of 100 ms.
+    EXPECT_GE(earliest, 100.0 - 1.62 - 0.02);
+    EXPECT_LE(latest, 100.0 + 1.62 + 0.02);
+    EXPECT_GT(latest - earliest, 1.5);
+}
