@@ -103,3 +103,25 @@ TEST(Modulation, MixZeroIsTheInputBitForBitOnEightChannels)
         EXPECT_EQ(fx.run(in, 9), in) << mode;
     }
 }
+
+TEST(Modulation, AutoPanMovesEachPairFromSideToSide)
+{
+    PluginFixture fx(kKey);
+    ASSERT_TRUE(fx.prepare(kRate, 256, 4));
+    fx.set("MODE", kAutoPan);
+    fx.set("RATE", 3.0f);
+    fx.set("DEPTH", 100.0f);
+    Signal in = silence(4, 48000);
+    for (auto& ch : in)
+        std::fill(ch.begin(), ch.end(), 0.5f);
+    const Signal out = fx.run(in, 23);
+    for (int pair = 0; pair < 2; ++pair) {
+        const auto& left = out[static_cast<std::size_t>(2 * pair)];
+        const auto& right = out[static_cast<std::size_t>(2 * pair + 1)];
+        EXPECT_NEAR(*std::max_element(left.begin(), left.end()), 0.5, 1e-6);
+        EXPECT_LT(*std::min_element(left.begin(), left.end()), 0.5 * 0.01); // below -40 dB at the far side
+        // One side is always at full level: the balance never dips in the middle.
+        for (std::size_t n = 0; n < left.size(); ++n)
+            ASSERT_NEAR(std::max(left[n], right[n]), 0.5f, 1e-6f) << n;
+    }
+}
