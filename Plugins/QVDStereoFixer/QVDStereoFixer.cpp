@@ -69,6 +69,7 @@ bool QVDStereoFixer::prepareProcessing()
     for (auto& h : m_history)
         h.assign(2 * static_cast<std::size_t>(m_span), 0.0f);
     m_correlation.assign(static_cast<std::size_t>(m_span), 0.0f);
+    m_stride = std::max(1, static_cast<std::int32_t>(std::lround(rate / 48000.0)));
     m_fadeLength = std::max(1, static_cast<std::int32_t>(std::lround(0.010 * rate)));
     resetState();
     return setLatency(static_cast<std::uint64_t>(m_maxLag));
@@ -101,7 +102,7 @@ void QVDStereoFixer::route(const Routing& next) noexcept
 
 void QVDStereoFixer::decide() noexcept
 {
-    const double frames = static_cast<double>(m_count);
+    const double frames = static_cast<double>((m_count + m_stride - 1) / m_stride);
     const double rms[2] = {std::sqrt(m_energy[0] / frames), std::sqrt(m_energy[1] / frames)};
     Routing next;
     next.delayL = next.delayR = m_maxLag;
@@ -187,12 +188,17 @@ void QVDStereoFixer::render(const QVDBlock& block) noexcept
         // The newest sample sits at m_pos + m_span. The left sample from the
         // middle of the span meets every right sample of the span: lags
         // -max .. +max with no right sample from the future.
-        const float a = m_history[0][static_cast<std::size_t>(m_pos + m_span - m_maxLag)];
-        const float* right = m_history[1].data() + (m_pos + m_span - 2 * m_maxLag);
-        for (std::int32_t k = 0; k < lags; ++k)
-            corr[k] += a * right[k];
-        m_energy[0] += static_cast<double>(a) * a;
-        m_energy[1] += static_cast<double>(right[m_maxLag]) * right[m_maxLag];
+        // Above 48 kHz only every stride-th frame adds its products: the lags
+        // keep their full resolution, and the cost grows with the number of
+        // lags alone rather than with lags times frames.
+        if (m_count % m_stride == 0) {
+            const float a = m_history[0][static_cast<std::size_t>(m_pos + m_span - m_maxLag)];
+            const float* right = m_history[1].data() + (m_pos + m_span - 2 * m_maxLag);
+            for (std::int32_t k = 0; k < lags; ++k)
+                corr[k] += a * right[k];
+            m_energy[0] += static_cast<double>(a) * a;
+            m_energy[1] += static_cast<double>(right[m_maxLag]) * right[m_maxLag];
+        }
         if (++m_count >= window)
             decide();
 

@@ -56,7 +56,7 @@ private:
     std::vector<float> m_history[2];
     std::vector<float> m_correlation; // lag -m_maxLag .. m_maxLag
     double m_energy[2]{};
-    std::int32_t m_count = 0;
+    std::int32_t m_count = 0, m_stride = 1;
     Routing m_current, m_previous;
     std::int32_t m_fade = 0, m_fadeLength = 1;
 };

@@ -42,21 +42,29 @@ Signal shifted(int lag, float polarity)
 
 TEST(StereoFixer, RealignsADelayedInvertedChannelToTheSample)
 {
-    for (const auto& [lag, polarity] : {std::pair{137, -1.0f}, std::pair{-250, 1.0f}, std::pair{900, -1.0f}}) {
+    struct Case {
+        int lag;
+        float polarity;
+        double rate;
+    };
+    for (const Case& k : {Case{137, -1.0f, kRate}, Case{-250, 1.0f, kRate}, Case{900, -1.0f, kRate},
+                          Case{-1800, -1.0f, 96000.0}}) {
         PluginFixture fx(kKey);
-        ASSERT_TRUE(fx.prepare(kRate, 256, 2));
+        ASSERT_TRUE(fx.prepare(k.rate, 256, 2));
         const auto latency = static_cast<std::size_t>(fx.instance()->getLatency());
-        EXPECT_EQ(latency, 960u); // 20 ms
-        const Signal in = shifted(lag, polarity);
+        EXPECT_EQ(latency, static_cast<std::size_t>(0.020 * k.rate)); // 20 ms
+        const Signal in = shifted(k.lag, k.polarity);
         const Signal out = fx.run(in, 7);
-        EXPECT_EQ(readout(fx, "Status"), kAligned) << lag;
-        EXPECT_NEAR(readout(fx, "Right Lag"), lag / kRate * 1e3, 1.0 / kRate * 1e3) << lag;
-        EXPECT_EQ(readout(fx, "Polarity"), polarity) << lag;
-        // The earlier channel leaves exactly `latency` late; the other now matches it.
-        const int early = lag > 0 ? 0 : 1;
+        EXPECT_EQ(readout(fx, "Status"), kAligned) << k.lag;
+        EXPECT_NEAR(readout(fx, "Right Lag"), k.lag / k.rate * 1e3, 1.0 / k.rate * 1e3) << k.lag;
+        EXPECT_EQ(readout(fx, "Polarity"), k.polarity) << k.lag;
+        // The earlier channel leaves exactly `latency` late (the right one
+        // flipped when it is the early one); the other now matches it.
+        const int early = k.lag > 0 ? 0 : 1;
+        const float sign = early == 1 ? k.polarity : 1.0f;
         for (std::size_t n = kSettled; n < kFrames; ++n) {
-            ASSERT_EQ(out[early][n], in[early][n - latency]) << lag << " at " << n;
-            ASSERT_EQ(out[0][n], out[1][n]) << lag << " at " << n;
+            ASSERT_EQ(out[early][n], sign * in[early][n - latency]) << k.lag << " at " << n;
+            ASSERT_EQ(out[0][n], out[1][n]) << k.lag << " at " << n;
         }
     }
 }
