@@ -43,4 +43,36 @@ public:
     void debugLog(std::int32_t level, const char* line) override;
 };
 
+// What qvdfx offers plugins beyond the host services: a fixed tempo and time
+// signature for the whole file (--tempo), so synced delays and LFOs follow
+// it; no host-supplied audio yet.
+class HostExtensions final : public qvd::HostExtensions {
+public:
+    void setTempo(double beatsPerMinute, std::int32_t numerator, std::int32_t denominator)
+    {
+        m_bpm = beatsPerMinute;
+        m_numerator = numerator;
+        m_denominator = denominator;
+    }
+    std::int32_t extensionsVersion() const override { return qvd::kHostExtensionsVersion; }
+    bool tempoAt(std::int64_t, double* bpm, std::int32_t* numerator, std::int32_t* denominator) override
+    {
+        if (!(m_bpm > 0.0))
+            return false;
+        *bpm = m_bpm;
+        *numerator = m_numerator;
+        *denominator = m_denominator;
+        return true;
+    }
+    bool fetchAudio(std::uint64_t, const char*, std::int64_t, float* const*, std::int32_t, std::int32_t) override
+    {
+        return false;
+    }
+
+private:
+    double m_bpm = 0.0;
+    std::int32_t m_numerator = 4;
+    std::int32_t m_denominator = 4;
+};
+
 } // namespace qvdfx

@@ -46,7 +46,7 @@ const char* kHelp =
     "      default, step, unit and option labels\n"
     "  process IN OUT -p PLUGIN [--set NAME=VALUE ...] [-p PLUGIN [--set ...]] ...\n"
     "          [--block N] [--smoothing on|off] [--bypass] [--meters FILE.json]\n"
-    "          [--tail SECONDS] [--format float|pcm16|pcm24] [--force] [--quiet]\n"
+    "          [--tail SECONDS] [--format float|pcm16|pcm24] [--tempo BPM[/N/D]] [--force] [--quiet]\n"
     "      runs IN through the chain block by block and writes OUT at IN's rate\n"
     "      and channel count, latency-compensated: OUT lines up with IN sample for\n"
     "      sample and is as long (plus --tail). NAME is a full identifier\n"
@@ -58,6 +58,8 @@ const char* kHelp =
     "      --smoothing on (off makes every setting exact from the first sample;\n"
     "      settings made before processing are exact either way), --format float.\n"
     "      --meters writes every meter of every plugin, peak-held over the file, in dB.\n"
+    "      --tempo gives plugins that sync to note values a tempo (and a time\n"
+    "      signature, 4/4 unless given as 96/3/4) for the whole file.\n"
     "  gen OUT --signal sine|sweep|noise|pink|impulse|silence [--freq F] [--level DBFS]\n"
     "          [--seconds S] [--rate R] [--channels C] [--seed N] [--format ...]\n"
     "      deterministic test signals. --level is the peak for sine, sweep and\n"
@@ -309,9 +311,25 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
     double tail = 0.0;
     std::string metersPath;
     SampleFormat format = SampleFormat::Float;
+    static HostExtensions extensions;
     while (!args.done()) {
         const std::string a = args.take();
-        if (a == "-p" || a == "--plugin") {
+        if (a == "--tempo") {
+            // BPM, or BPM/N/D with a time signature: 96/3/4.
+            const std::string text = args.value(a);
+            const auto slash = text.find('/');
+            const double bpm = parseReal(text.substr(0, slash), 1.0, 999.0, "--tempo");
+            std::int32_t num = 4, den = 4;
+            if (slash != std::string::npos) {
+                const auto second = text.find('/', slash + 1);
+                if (second == std::string::npos)
+                    fail(kExitUsage, "--tempo takes BPM or BPM/N/D (96/3/4), not '" + text + "'");
+                num = static_cast<std::int32_t>(parseInteger(text.substr(slash + 1, second - slash - 1), 1, 64, "--tempo beats"));
+                den = static_cast<std::int32_t>(parseInteger(text.substr(second + 1), 1, 64, "--tempo note value"));
+            }
+            extensions.setTempo(bpm, num, den);
+            registry.setHostExtensions(&extensions);
+        } else if (a == "-p" || a == "--plugin") {
             steps.push_back(StepSpec{args.value(a), {}});
         } else if (a == "--set") {
             const std::string setting = args.value(a);

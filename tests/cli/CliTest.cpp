@@ -258,6 +258,27 @@ TEST_F(CliTest, InfoReportsTheKernelsAndIsaForcesALevel)
     EXPECT_EQ(fast.samples, readAudio(path("sse2.wav")).samples);
 }
 
+// --tempo reaches synced plugins through the host: a quarter-note echo lands
+// at 60 / BPM seconds; without a tempo the tap keeps its free time.
+TEST_F(CliTest, TempoSetsNoteValuedEchoes)
+{
+    gen("in.wav", "--signal impulse --seconds 1 --channels 2 --level 0");
+    const std::string echo = " -p Echo --set TAPS=1 --set NOTE_1=1/4 --set FEEDBACK=0 --set MIX=100";
+    const auto firstEcho = [&](const std::string& tempo) {
+        const Result r = qvdfx("process " + path("in.wav") + " " + path("out.wav") + echo + tempo);
+        EXPECT_EQ(r.status, 0) << r.output;
+        const Audio out = readAudio(path("out.wav"));
+        for (std::size_t n = 0; n < out.frames(); ++n)
+            if (std::fabs(out.samples[n * 2]) > 0.1f)
+                return static_cast<long>(n);
+        return -1L;
+    };
+    EXPECT_EQ(firstEcho(" --tempo 120"), 24000);
+    EXPECT_EQ(firstEcho(" --tempo 90/3/4"), 32000);
+    EXPECT_EQ(firstEcho(""), 12000) << "no tempo: Time 1's 250 ms";
+    EXPECT_EQ(qvdfx("process " + path("in.wav") + " " + path("out.wav") + echo + " --tempo 0").status, 2);
+}
+
 TEST_F(CliTest, AChainEqualsItsStepsRunOneAfterTheOther)
 {
     gen("in.wav", "--signal sweep --freq 50 --seconds 0.4 --channels 2");
