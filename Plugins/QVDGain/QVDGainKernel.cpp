@@ -90,6 +90,19 @@ void splitSettled(const KernelArgs& args, SettledFn settled, KernelFn gliding) n
     }
 }
 
+void settledTail(const float* in, float* out, std::int32_t from, std::int32_t frames, double state,
+                 const float* lanePeaks, int lanes, float& peak) noexcept
+{
+    for (int i = 0; i < lanes; ++i)
+        peak = lanePeaks[i] > peak ? lanePeaks[i] : peak;
+    for (std::int32_t n = from; n < frames; ++n) {
+        const float x = in[n];
+        const float ax = std::fabs(x);
+        peak = ax > peak ? ax : peak;
+        out[n] = static_cast<float>(static_cast<double>(x) * state);
+    }
+}
+
 void kernel_ref(const KernelArgs& args) noexcept
 {
     for (std::int32_t c = 0; c < args.channels; ++c)

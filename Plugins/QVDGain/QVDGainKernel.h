@@ -57,6 +57,10 @@ void forEachGroup(const KernelArgs& args, int group, void (*run)(const KernelArg
 // `gliding` as a compacted set of channels.
 using SettledFn = void (*)(const float* in, float* out, std::int32_t frames, double state, float& peak) noexcept;
 void splitSettled(const KernelArgs& args, SettledFn settled, KernelFn gliding) noexcept;
+// What the settled vector loops leave: frames [from, frames) one by one, and
+// the lanes' peaks folded into `peak`.
+void settledTail(const float* in, float* out, std::int32_t from, std::int32_t frames, double state,
+                 const float* lanePeaks, int lanes, float& peak) noexcept;
 
 using Variant = twa::FunctionVariant<KernelFn>;
 // Widest first, the reference last.

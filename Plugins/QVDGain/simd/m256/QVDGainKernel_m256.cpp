@@ -98,14 +98,7 @@ void settled(const float* in, float* out, std::int32_t frames, double state, flo
     }
     alignas(32) float lanes[8];
     _mm256_store_ps(lanes, p);
-    for (const float l : lanes)
-        peak = l > peak ? l : peak;
-    for (; n < frames; ++n) {
-        const float x = in[n];
-        const float ax = x < 0.0f ? -x : x;
-        peak = ax > peak ? ax : peak;
-        out[n] = static_cast<float>(static_cast<double>(x) * state);
-    }
+    settledTail(in, out, n, frames, state, lanes, 8, peak);
 }
 } // namespace
 
