@@ -106,7 +106,7 @@ void addAudioPorts(Variant& v, std::set<std::string>& used)
             std::string name = label;
             if (*l.channelNames[static_cast<std::size_t>(c)])
                 name += std::string(" ") + l.channelNames[static_cast<std::size_t>(c)];
-            v.ports.push_back({role, uniqueSymbol(used, prefix + std::to_string(c + 1)), name, c, -1, {}});
+            v.ports.push_back({role, uniqueSymbol(used, prefix + std::to_string(c + 1)), name, c, -1, {}, {}});
         }
     };
     add(PortRole::AudioIn, "in_", "In", v.inputs);
@@ -154,9 +154,9 @@ std::vector<Variant> buildCatalog(qvd::PluginInterface& registry, std::vector<st
             addAudioPorts(v, used);
             for (const auto& p : parameters)
                 v.ports.push_back({PortRole::Parameter, uniqueSymbol(used, parameterSymbol(p.identifier)), p.label,
-                                   -1, p.index, p});
-            v.ports.push_back({PortRole::Enabled, uniqueSymbol(used, "enabled"), "Enabled", -1, -1, {}});
-            v.ports.push_back({PortRole::Latency, uniqueSymbol(used, "latency"), "Latency", -1, -1, {}});
+                                   -1, p.index, p, {}});
+            v.ports.push_back({PortRole::Enabled, uniqueSymbol(used, "enabled"), "Enabled", -1, -1, {}, {}});
+            v.ports.push_back({PortRole::Latency, uniqueSymbol(used, "latency"), "Latency", -1, -1, {}, {}});
             // Meter groups follow the active channel counts set above; a group
             // never gets more ports than the layout has channels.
             for (std::int32_t g = 0; g < instance.p->meterGroupCount(); ++g) {
@@ -167,8 +167,17 @@ std::vector<Variant> buildCatalog(qvd::PluginInterface& registry, std::vector<st
                     const std::string channel = layout.channelNames[static_cast<std::size_t>(c)];
                     const std::string name = size > 1 && !channel.empty() ? label + " " + channel : label;
                     const std::string symbol = "meter_" + lowerSlug(group, g) + "_" + std::to_string(c + 1);
-                    v.ports.push_back({PortRole::Meter, uniqueSymbol(used, symbol), name, c, g, {}});
+                    v.ports.push_back({PortRole::Meter, uniqueSymbol(used, symbol), name, c, g, {}, {}});
                 }
+            }
+            // Scalar readouts as control outputs; arrays (spectra, point
+            // clouds) have no port form and stay with the host interface.
+            for (std::int32_t r = 0; r < instance.p->readoutCount(); ++r) {
+                qvd::ReadoutInfo readout;
+                if (!instance.p->readoutInfo(r, &readout) || readout.kind != qvd::kReadoutScalar)
+                    continue;
+                const std::string symbol = "readout_" + lowerSlug(readout.name.c_str(), r);
+                v.ports.push_back({PortRole::Readout, uniqueSymbol(used, symbol), readout.name, -1, r, {}, readout.unit});
             }
             catalog.push_back(std::move(v));
         }

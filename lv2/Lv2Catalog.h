@@ -29,17 +29,18 @@ struct Layout {
 const std::vector<Layout>& layouts();
 
 // Each role is one section of the port list and one case in the Turtle
-// writer and the wrapper: named readouts (control outputs) and host side-chain
-// inputs (audio, lv2:isSideChain) join the same way once the library offers them.
-enum class PortRole { AudioIn, AudioOut, Parameter, Enabled, Latency, Meter };
+// writer and the wrapper: host side-chain inputs (audio, lv2:isSideChain)
+// join the same way once a plugin asks for one.
+enum class PortRole { AudioIn, AudioOut, Parameter, Enabled, Latency, Meter, Readout };
 
 struct Port {
     PortRole role;
     std::string symbol;
     std::string name;
     std::int32_t channel = -1; // audio and meter ports
-    std::int32_t source = -1;  // parameter index, or meter group
+    std::int32_t source = -1;  // parameter index, meter group or readout index
     qvd::ParameterInfo parameter; // parameter ports only
+    std::string unit;             // readout ports only
 };
 
 struct Variant {

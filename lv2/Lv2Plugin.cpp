@@ -120,6 +120,9 @@ LV2_Handle instantiate(const LV2_Descriptor* descriptor, double rate, const char
             slot = static_cast<std::int32_t>(self->meters.size());
             self->meters.push_back({nullptr, port.source, port.channel});
             widestGroup = std::max(widestGroup, instance->getMeterValues(port.source, nullptr, 0));
+        } else if (port.role == PortRole::Readout) {
+            slot = static_cast<std::int32_t>(self->readouts.size());
+            self->readouts.push_back({nullptr, port.source});
         }
         self->slot.push_back(slot);
     }
@@ -144,6 +147,7 @@ void connectPort(LV2_Handle handle, uint32_t port, void* data)
     case PortRole::Enabled: self->enabled = static_cast<const float*>(data); break;
     case PortRole::Latency: self->latency = static_cast<float*>(data); break;
     case PortRole::Meter: self->meters[slot].port = static_cast<float*>(data); break;
+    case PortRole::Readout: self->readouts[slot].port = static_cast<float*>(data); break;
     }
 }
 
@@ -234,6 +238,17 @@ void processAside(Lv2Plugin& self, std::int32_t frames)
     }
 }
 
+// Scalar readouts: the plugin published them on this thread, so the read
+// never waits.
+void publishReadouts(Lv2Plugin& self)
+{
+    for (const auto& r : self.readouts) {
+        double value = 0.0;
+        if (r.port && self.plugin->readReadout(r.index, &value, 1) == 1)
+            *r.port = static_cast<float>(value);
+    }
+}
+
 void publishMeters(Lv2Plugin& self)
 {
     std::int32_t group = -1;
@@ -272,6 +287,7 @@ void run(LV2_Handle handle, uint32_t sampleCount)
     if (self.latency)
         *self.latency = static_cast<float>(self.plugin->getLatency());
     publishMeters(self);
+    publishReadouts(self);
 }
 
 void deactivate(LV2_Handle) {}

@@ -48,6 +48,11 @@ struct Lv2Plugin {
         std::int32_t channel;
     };
     std::vector<MeterPort> meters;
+    struct ReadoutPort {
+        float* port;
+        std::int32_t index;
+    };
+    std::vector<ReadoutPort> readouts;
     std::vector<double> meterValues; // one group's levels, sized at instantiate
     // Per port index: slot in inputs/outputs/controls/meters.
     std::vector<std::int32_t> slot;

@@ -103,6 +103,10 @@ void writePort(std::string& out, const Variant& v, const Port& port, std::size_t
     case PortRole::Meter:
         out += " ;\n\t\tlv2:minimum -100 ;\n\t\tlv2:maximum 0 ;\n\t\tunits:unit units:db";
         break;
+    case PortRole::Readout:
+        if (!port.unit.empty())
+            out += " ;\n\t\tunits:unit " + unitObject(port.unit);
+        break;
     }
     out += " ;\n\t]";
 }

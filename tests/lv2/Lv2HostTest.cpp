@@ -231,6 +231,23 @@ TEST_P(Lv2Variant, MetersReadTheInputLevelInDecibels)
         EXPECT_NEAR(lv2.get("meter_input_" + std::to_string(c)), -6.02, 0.05) << "channel " << c;
 }
 
+// Scalar readouts are control outputs: the phase meter's correlation reads
+// +1 for equal channels and -1 for opposite ones through the port.
+TEST(Lv2Readouts, AreControlOutputsAHostCanRead)
+{
+    const std::string uri = "urn:qvd:lv2:phase-meter-1364611149#stereo";
+    for (const float sign : {1.0f, -1.0f}) {
+        Lv2Instance lv2(host(), uri, 48000, 512);
+        ASSERT_TRUE(lv2.hasPort("readout_correlation"));
+        Signal in = noise(2, 48000, 3);
+        in[1] = in[0];
+        for (auto& x : in[1])
+            x *= sign;
+        lv2.process(in, {512});
+        EXPECT_NEAR(lv2.get("readout_correlation"), sign, 1e-3);
+    }
+}
+
 // The interposer cannot be preloaded in front of a sanitizer runtime.
 #if !defined(QVD_LV2_SANITIZED)
 struct RtHooks {
