@@ -106,7 +106,8 @@ TEST(ReverbControl, PreDelayShiftsTapsButNeverBeforeSampleFour)
     // at 10 cm, and one sample of pre-delay lands on top of it.
     Rig nearWall(48000.0f, with({{0, 0.3f}, {1, 0.3f}, {2, 0.3f}, {7, 5.0f}, {8, 0.0f}, {9, 0.0f}, {10, 1.0f / 48000.0f}}));
     EXPECT_EQ(nearWall.param->early.delays[0], static_cast<int>(std::nearbyint(0.1f * 48000.0f / 340.0f + 1.0f)));
-    for (const auto d : Rig(48000.0f, with({{10, 10.0f}})).param->early.delays) // far past the line
+    const Rig farPast(48000.0f, with({{10, 10.0f}})); // far past the line
+    for (const auto d : farPast.param->early.delays)
         EXPECT_EQ(d, qv_reflections_mod_param::DelayLines::MaxLength);
 }
 
