@@ -1,5 +1,7 @@
 #include "QVDStereoDelay.h"
 
+#include <Algorithms/NoteValue.h>
+
 #include <algorithm>
 #include <cmath>
 
@@ -23,6 +25,8 @@ std::vector<QVDParam> QVDStereoDelay::parameterRows()
          .defaultValue = kHighCutOff, .step = 1.0f, .unit = "Hz", .scale = qvd::kLogarithmic},
         {.name = "DUCK", .label = "Ducking", .maximum = 24.0f, .step = 0.1f, .unit = "dB"},
         {.name = "MIX", .label = "Mix", .maximum = 100.0f, .defaultValue = 35.0f, .step = 1.0f, .unit = "%"},
+        qvdListParam("NOTE_L", "Sync Left", qvd::notes::syncLabels(), 0),
+        qvdListParam("NOTE_R", "Sync Right", qvd::notes::syncLabels(), 0),
     };
 }
 
@@ -52,6 +56,11 @@ void QVDStereoDelay::parameterChanged(std::uint32_t index, float value)
     case HIGH_CUT: m_highCut.store(std::clamp(value, 1000.0f, kHighCutOff), relaxed); break;
     case DUCK: m_duckDb.store(std::clamp(value, 0.0f, 24.0f), relaxed); break;
     case MIX: m_mix.store(std::clamp(value, 0.0f, 100.0f) / 100.0f, relaxed); break;
+    case NOTE_L:
+    case NOTE_R:
+        m_note[index - NOTE_L].store(qvdListIndex(std::clamp(value, 0.0f, static_cast<float>(qvd::notes::kCount))),
+                                     relaxed);
+        break;
     default: break;
     }
 }
@@ -87,8 +96,17 @@ void QVDStereoDelay::render(const QVDBlock& block) noexcept
         return;
     const auto relaxed = std::memory_order_relaxed;
     const double rate = sampleRate();
-    for (int c = 0; c < 2; ++c)
-        m_delay.setDelay(c, std::round(m_timeMs[c].load(relaxed) * 1e-3 * rate), !m_fresh);
+    // A synced line takes its note's length at the host's tempo; without a
+    // tempo from the host it keeps its free time.
+    double bpm = 0.0;
+    std::int32_t numerator = 4, denominator = 4;
+    const bool tempo = hostTempo(block.record, bpm, numerator, denominator);
+    for (int c = 0; c < 2; ++c) {
+        const int note = m_note[c].load(relaxed);
+        const double seconds = note > 0 && tempo ? std::min(qvd::notes::seconds(note - 1, bpm), 4.0)
+                                                 : m_timeMs[c].load(relaxed) * 1e-3;
+        m_delay.setDelay(c, std::round(seconds * rate), !m_fresh);
+    }
     const double mixTarget = m_mix.load(relaxed);
     if (m_fresh)
         m_mixState = mixTarget;

@@ -13,7 +13,7 @@
 class QVDStereoDelay : public QVDEffect<QVDStereoDelay> {
     Q_OBJECT
 public:
-    enum Parameter : std::uint32_t { TIME_L = 0, TIME_R, FEEDBACK, CROSSFEED, LOW_CUT, HIGH_CUT, DUCK, MIX };
+    enum Parameter : std::uint32_t { TIME_L = 0, TIME_R, FEEDBACK, CROSSFEED, LOW_CUT, HIGH_CUT, DUCK, MIX, NOTE_L, NOTE_R };
     static constexpr QVDPluginDescriptor kDescriptor{.name = "Delay", .fourcc = qvdFourCC("QVDy"), .maxInputs = 2,
                                                      .maxOutputs = 2, .className = "QVDStereoDelay"};
     static std::vector<QVDParam> parameterRows();
@@ -39,6 +39,8 @@ private:
     double pole(float hz) const noexcept;
 
     std::atomic<float> m_timeMs[2]{375.0f, 500.0f};
+    // Sync choice per line: 0 free, else a note value at the host's tempo.
+    std::atomic<int> m_note[2]{0, 0};
     std::atomic<float> m_feedback{0.35f};
     std::atomic<float> m_crossfeed{0.0f};
     std::atomic<float> m_lowCut{kLowCutOff};

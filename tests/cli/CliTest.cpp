@@ -264,8 +264,8 @@ TEST_F(CliTest, TempoSetsNoteValuedEchoes)
 {
     gen("in.wav", "--signal impulse --seconds 1 --channels 2 --level 0");
     const std::string echo = " -p Echo --set TAPS=1 --set NOTE_1=1/4 --set FEEDBACK=0 --set MIX=100";
-    const auto firstEcho = [&](const std::string& tempo) {
-        const Result r = qvdfx("process " + path("in.wav") + " " + path("out.wav") + echo + tempo);
+    const auto firstEcho = [&](const std::string& settings) {
+        const Result r = qvdfx("process " + path("in.wav") + " " + path("out.wav") + settings);
         EXPECT_EQ(r.status, 0) << r.output;
         const Audio out = readAudio(path("out.wav"));
         for (std::size_t n = 0; n < out.frames(); ++n)
@@ -273,9 +273,14 @@ TEST_F(CliTest, TempoSetsNoteValuedEchoes)
                 return static_cast<long>(n);
         return -1L;
     };
-    EXPECT_EQ(firstEcho(" --tempo 120"), 24000);
-    EXPECT_EQ(firstEcho(" --tempo 90/3/4"), 32000);
-    EXPECT_EQ(firstEcho(""), 12000) << "no tempo: Time 1's 250 ms";
+    EXPECT_EQ(firstEcho(echo + " --tempo 120"), 24000);
+    EXPECT_EQ(firstEcho(echo + " --tempo 90/3/4"), 32000);
+    EXPECT_EQ(firstEcho(echo), 12000) << "no tempo: Time 1's 250 ms";
+    // The Delay's left line synced to a quarter note, and to a dotted eighth.
+    const std::string delay = " -p Delay --set FEEDBACK=0 --set MIX=100 --set NOTE_L=";
+    EXPECT_EQ(firstEcho(delay + "1/4 --tempo 120"), 24000);
+    EXPECT_EQ(firstEcho(delay + "\"1/8 D\" --tempo 100"), 21600);
+    EXPECT_EQ(firstEcho(delay + "1/4"), 18000) << "no tempo: Time Left's 375 ms";
     EXPECT_EQ(qvdfx("process " + path("in.wav") + " " + path("out.wav") + echo + " --tempo 0").status, 2);
 }
 
