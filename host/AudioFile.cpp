@@ -38,6 +38,10 @@ namespace {
 // the chunks libsndfile writes besides the audio.
 constexpr std::int64_t kWavLimit = 0xFFFFFFFFLL - (1 << 20);
 
+// Frames read or written at once for files. Pipes keep the caller's block
+// size, so a live stream is not held back.
+constexpr std::int64_t kChunkFrames = 32768;
+
 int subtypeOf(SampleFormat format)
 {
     return format == SampleFormat::Float   ? SF_FORMAT_FLOAT
@@ -352,6 +356,7 @@ void AudioReader::open(const std::string& path)
 
 void AudioReader::openStream(int fd)
 {
+    m_pipe = true;
     const auto header = readWavHeader(fd, m_name);
     if (!header)
         fail(kExitFile, m_name + " is not a WAV stream (a pipe is read as WAV; a file may be any format)");
@@ -388,6 +393,32 @@ AudioReader::~AudioReader()
 
 std::int64_t AudioReader::read(float* interleaved, std::int64_t frames)
 {
+    const auto ch = static_cast<std::size_t>(m_info.channels);
+    std::int64_t done = 0;
+    while (done < frames) {
+        if (m_chunkUsed == m_chunkFrames) {
+            // Large requests skip the chunk rather than be copied twice.
+            if (m_pipe || frames - done >= kChunkFrames)
+                return done + readFile(interleaved + static_cast<std::size_t>(done) * ch, frames - done);
+            if (m_chunk.empty())
+                m_chunk.resize(static_cast<std::size_t>(kChunkFrames) * ch);
+            m_chunkFrames = readFile(m_chunk.data(), kChunkFrames);
+            m_chunkUsed = 0;
+            if (m_chunkFrames == 0)
+                break;
+        }
+        const std::int64_t n = std::min(frames - done, m_chunkFrames - m_chunkUsed);
+        std::memcpy(interleaved + static_cast<std::size_t>(done) * ch,
+                    m_chunk.data() + static_cast<std::size_t>(m_chunkUsed) * ch,
+                    static_cast<std::size_t>(n) * ch * sizeof(float));
+        m_chunkUsed += n;
+        done += n;
+    }
+    return done;
+}
+
+std::int64_t AudioReader::readFile(float* interleaved, std::int64_t frames)
+{
     const sf_count_t n = sf_readf_float(m_file, interleaved, frames);
     if (m_stream.error != 0)
         fail(kExitFile, "cannot read " + m_name + ": " + std::strerror(m_stream.error));
@@ -397,7 +428,7 @@ std::int64_t AudioReader::read(float* interleaved, std::int64_t frames)
 }
 
 AudioWriter::AudioWriter(const std::string& path, int rate, int channels, SampleFormat format, std::int64_t frames)
-    : m_out(path, true)
+    : m_out(path, true), m_channels(channels)
 {
     SF_INFO info{};
     info.samplerate = rate;
@@ -431,6 +462,29 @@ AudioWriter::~AudioWriter()
 
 void AudioWriter::write(const float* interleaved, std::int64_t frames)
 {
+    const auto ch = static_cast<std::size_t>(m_channels);
+    if (m_chunkFrames + frames > kChunkFrames)
+        flush();
+    if (m_sink || m_through || frames >= kChunkFrames) {
+        writeFile(interleaved, frames);
+        return;
+    }
+    if (m_chunk.empty())
+        m_chunk.resize(static_cast<std::size_t>(kChunkFrames) * ch);
+    std::memcpy(m_chunk.data() + static_cast<std::size_t>(m_chunkFrames) * ch, interleaved,
+                static_cast<std::size_t>(frames) * ch * sizeof(float));
+    m_chunkFrames += frames;
+}
+
+void AudioWriter::flush()
+{
+    if (m_chunkFrames > 0)
+        writeFile(m_chunk.data(), m_chunkFrames);
+    m_chunkFrames = 0;
+}
+
+void AudioWriter::writeFile(const float* interleaved, std::int64_t frames)
+{
     const bool complete = sf_writef_float(m_file, interleaved, frames) == frames;
     if (m_sink && m_sink->failure)
         std::rethrow_exception(m_sink->failure);
@@ -440,6 +494,7 @@ void AudioWriter::write(const float* interleaved, std::int64_t frames)
 
 void AudioWriter::commit()
 {
+    flush();
     const int rc = sf_close(m_file);
     m_file = nullptr;
     if (m_sink && m_sink->failure)

@@ -383,6 +383,8 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
     if (!metersPath.empty())
         meters.emplace(metersPath, false);
     AudioWriter writer(outPath, rate, channels, format, known < 0 ? -1 : known + tailFrames);
+    if (reader.live())
+        writer.writeThrough();
     Buffers buffers(channels, blockSize);
     Progress progress("processing", known < 0 ? 0 : known + tailFrames + latency, quiet);
 
