@@ -2,6 +2,7 @@
 
 #include <Algorithms/KernelReport.h>
 #include <System/twa_cpuinfo_x86.h>
+#include <System/twa_dispatch.h>
 
 #include <cstring>
 
@@ -132,11 +133,15 @@ struct IsaLevel {
     const char* name;
     std::int32_t level;
     bool fma;
+    bool wide; // 512-bit plugin kernels
 };
-// AVX2 processors all have FMA; the override keeps them together.
+// AVX2 processors all have FMA; the override keeps them together. "avx512"
+// is AVX2 for the numeric library's factories and 512-bit code for the
+// plugins' own kernels.
 constexpr IsaLevel kIsaLevels[] = {
-    {"none", twa::kIsaNone, false}, {"sse2", twa::kIsaSSE2, false}, {"sse4.1", twa::kIsaSSE41, false},
-    {"avx", twa::kIsaAVX, false},   {"avx2", twa::kIsaAVX2, true},
+    {"none", twa::kIsaNone, false, false}, {"sse2", twa::kIsaSSE2, false, false},
+    {"sse4.1", twa::kIsaSSE41, false, false}, {"avx", twa::kIsaAVX, false, false},
+    {"avx2", twa::kIsaAVX2, true, false},  {"avx512", twa::kIsaAVX2, true, true},
 };
 } // namespace
 
@@ -156,8 +161,9 @@ std::map<std::string, std::string> QVDPluginInterfaceImpl::systemInfo() const
     std::string level = "auto";
     if (!twa::CpuFeatures::Instance().useProbe) {
         level = "?";
+        const bool wide = twa::WideKernelsChosen();
         for (const IsaLevel& l : kIsaLevels)
-            if (l.level == twa::CpuFeatures::Instance().settings.level)
+            if (l.level == twa::CpuFeatures::Instance().settings.level && l.wide == wide)
                 level = l.name;
     }
     info["instruction set"] = level;
@@ -172,6 +178,7 @@ bool QVDPluginInterfaceImpl::forceInstructionSet(const char* level)
         return false;
     if (std::strcmp(level, "auto") == 0) {
         twa::SetUseProbe(true);
+        twa::ForceWideKernels(false);
         return true;
     }
     for (const IsaLevel& l : kIsaLevels) {
@@ -179,6 +186,7 @@ bool QVDPluginInterfaceImpl::forceInstructionSet(const char* level)
             twa::SetUseProbe(false);
             twa::CpuFeatures::Instance().settings.level = l.level;
             twa::CpuFeatures::Instance().settings.fma = l.fma;
+            twa::ForceWideKernels(l.wide);
             return true;
         }
     }

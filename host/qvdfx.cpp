@@ -87,8 +87,8 @@ const char* kHelp =
     "options:\n"
     "  --library PATH   load the plugin library from PATH\n"
     "  --isa LEVEL      choose kernels as if the processor offered only LEVEL:\n"
-    "                   none, sse2, sse4.1, avx, avx2 or auto (the default), to\n"
-    "                   reproduce a result of a lesser processor\n"
+    "                   none, sse2, sse4.1, avx, avx2, avx512 or auto (the\n"
+    "                   default), to reproduce a result of a lesser processor\n"
     "  QVD_ISA          environment: the same as --isa, for any host\n"
     "  --quiet          no progress bar (it only shows on a terminal anyway)\n"
     "  QVDFX_LOG_LEVEL  environment: plugins' debug log level (0 to 3) to stderr\n"
@@ -744,7 +744,7 @@ int qvdfx::runCommandLine(std::vector<std::string> words)
         std::string isa;
         while (!words.empty() && (words[0] == "--library" || words[0] == "--isa")) {
             if (words.size() < 2)
-                fail(kExitUsage, words[0] == "--isa" ? "--isa needs a level: none, sse2, sse4.1, avx, avx2 or auto"
+                fail(kExitUsage, words[0] == "--isa" ? "--isa needs a level: none, sse2, sse4.1, avx, avx2, avx512 or auto"
                                                      : "--library needs a path to the plugin library");
             (words[0] == "--isa" ? isa : libraryPath) = words[1];
             words.erase(words.begin(), words.begin() + 2);
@@ -775,7 +775,7 @@ int qvdfx::runCommandLine(std::vector<std::string> words)
         library.registry()->setHostServices(&services);
         qvd::PluginInterface& registry = *library.registry();
         if (!isa.empty() && !registry.forceInstructionSet(isa.c_str()))
-            fail(kExitUsage, "--isa: unknown level '" + isa + "' (none, sse2, sse4.1, avx, avx2 or auto)");
+            fail(kExitUsage, "--isa: unknown level '" + isa + "' (none, sse2, sse4.1, avx, avx2, avx512 or auto)");
         if (command == "info")
             return commandInfo(registry, library.path(), std::move(args));
         if (command == "list")

@@ -1,6 +1,14 @@
 #include "System/twa_dispatch.h"
 
+#include "System/twa_cpuinfo_x86.h"
+
+#include <atomic>
+
 namespace twa {
+
+namespace {
+std::atomic<bool> g_forceWide{false};
+}
 
 bool MachineRuns(IsaNeed need)
 {
@@ -18,8 +26,27 @@ bool MachineRuns(IsaNeed need)
         return __builtin_cpu_supports("avx") && __builtin_cpu_supports("fma");
     case IsaNeed::AVX2:
         return __builtin_cpu_supports("avx2");
+    case IsaNeed::AVX512:
+        // libgcc answers these only when the OS saves the 512-bit state.
+        return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+               __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl");
     }
     return false;
+}
+
+bool WideKernelsChosen()
+{
+    const CpuFeatures& f = CpuFeatures::Instance();
+    if (!MachineRuns(IsaNeed::AVX512))
+        return false;
+    if (f.useProbe)
+        return true;
+    return g_forceWide.load(std::memory_order_relaxed) && f.settings.level >= kIsaAVX2 && f.settings.fma;
+}
+
+bool ForceWideKernels(bool on)
+{
+    return g_forceWide.exchange(on, std::memory_order_relaxed);
 }
 
 } // namespace twa

@@ -10,11 +10,22 @@
 namespace twa {
 
 // What a variant's code needs from the processor to run at all; independent of
-// the dispatch queries, which may be forced.
-enum class IsaNeed : unsigned char { None, SSE2, SSE41, AVX, FMA, AVX2 };
+// the dispatch queries, which may be forced. AVX512 is F, DQ, BW and VL with
+// the OS saving the 512-bit state.
+enum class IsaNeed : unsigned char { None, SSE2, SSE41, AVX, FMA, AVX2, AVX512 };
 
 // [any-thread] True when this processor and OS can run code built for `need`.
 bool MachineRuns(IsaNeed need);
+
+// The plugins' own kernels have a level above the instruction-set levels of
+// the feature queries: 512-bit code. It is chosen when the probe is in use and
+// the machine runs it, or when forced on over an AVX2 override; a forced
+// override leaves it off unless asked for.
+// [any-thread] Whether the dispatch may choose 512-bit plugin kernels now.
+bool WideKernelsChosen();
+// [not while processing] Asks for 512-bit kernels while the override is in
+// use (the probe decides by itself). Returns the previous value.
+bool ForceWideKernels(bool on);
 
 template <class Base, class... Args>
 struct KernelVariant {

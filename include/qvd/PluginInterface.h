@@ -49,7 +49,8 @@ public:
     // "kernel <family>" per kernel family with the variant it chooses now.
     virtual std::map<std::string, std::string> systemInfo() const = 0;
     // [not while processing] Chooses kernels as if the processor offered only
-    // `level`: "none" (reference code), "sse2", "sse4.1", "avx", "avx2", or
+    // `level`: "none" (reference code), "sse2", "sse4.1", "avx", "avx2",
+    // "avx512" (AVX2, plus 512-bit code in the plugins' own kernels), or
     // "auto" for what the processor offers. Instances and engines created
     // afterwards use it; code the processor cannot run is never chosen.
     // False, with no change, for another text. The environment variable

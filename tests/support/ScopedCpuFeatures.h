@@ -3,6 +3,7 @@
 // the process-wide state back when the scope ends.
 
 #include "System/twa_cpuinfo_x86.h"
+#include "System/twa_dispatch.h"
 
 #include <cstdint>
 
@@ -10,9 +11,13 @@ namespace qvd::test {
 
 class ScopedCpuFeatures {
 public:
-    ScopedCpuFeatures() : m_saved(twa::CpuFeatures::Instance()) {}
+    ScopedCpuFeatures() : m_saved(twa::CpuFeatures::Instance()), m_wide(twa::ForceWideKernels(false))
+    {
+        twa::ForceWideKernels(m_wide);
+    }
     ~ScopedCpuFeatures()
     {
+        twa::ForceWideKernels(m_wide);
         twa::CpuFeatures& f = twa::CpuFeatures::Instance();
         f.useProbe = m_saved.useProbe;
         f.info = m_saved.info;
@@ -28,9 +33,16 @@ public:
         twa::CpuFeatures::Instance().settings.level = level;
         twa::CpuFeatures::Instance().settings.fma = fma;
     }
+    // The same, with 512-bit plugin kernels allowed or not (AVX2 and FMA).
+    static void ForceWide(bool on)
+    {
+        Force(twa::kIsaAVX2, true);
+        twa::ForceWideKernels(on);
+    }
 
 private:
     twa::CpuFeatures m_saved;
+    bool m_wide;
 };
 
 } // namespace qvd::test

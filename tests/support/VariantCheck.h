@@ -84,7 +84,10 @@ inline ToleranceRule allWithin(Tolerance t)
 // Bytes a variant's name says its pointers must be aligned to; 4 for plain code.
 inline std::size_t alignmentOf(std::string_view name)
 {
-    return name.find("_m256") != std::string_view::npos ? 32 : name.find("_m128") != std::string_view::npos ? 16 : 4;
+    return name.find("_m512") != std::string_view::npos   ? 64
+           : name.find("_m256") != std::string_view::npos ? 32
+           : name.find("_m128") != std::string_view::npos ? 16
+                                                          : 4;
 }
 
 // Placements tried: plain code anywhere a float may sit, SIMD code on its own
@@ -99,8 +102,10 @@ inline std::vector<std::size_t> offsetsFor(std::string_view name)
 // override answers `level` and `fma`.
 inline bool levelAllows(std::int32_t level, bool fma, twa::IsaNeed need, std::string_view name)
 {
-    // Indexed by IsaNeed: None, SSE2, SSE41, AVX, FMA (the flag instead), AVX2.
-    constexpr std::int32_t kLevel[] = {twa::kIsaNone, twa::kIsaSSE2, twa::kIsaSSE41, twa::kIsaAVX, twa::kIsaNone, twa::kIsaAVX2};
+    // Indexed by IsaNeed: None, SSE2, SSE41, AVX, FMA (the flag instead), AVX2,
+    // AVX512 (above every level: only the wide-kernel switch allows it).
+    constexpr std::int32_t kLevel[] = {twa::kIsaNone, twa::kIsaSSE2, twa::kIsaSSE41, twa::kIsaAVX,
+                                       twa::kIsaNone, twa::kIsaAVX2, twa::kIsaAVX2 + 1};
     return level >= kLevel[static_cast<int>(need)] && (need != twa::IsaNeed::FMA || fma) &&
            (name.find("_m256") == std::string_view::npos || level >= twa::kIsaAVX);
 }
