@@ -1,6 +1,7 @@
 #pragma once
 // A gain matrix between planar channel sets: out[o] (+)= sum_i gain[i][o] * in[i].
 
+#include "qv_reverb_kernels.h"
 #include "qv_reverb_u15_param.h"
 
 #include <cstddef>
@@ -24,4 +25,5 @@ public:
 
 private:
     qv_matrixing_param m_param{};
+    const qvd::reverb::Kernels* m_k;
 };

@@ -2,6 +2,7 @@
 // Early reflections: the mono mix of the inputs runs through one delay line
 // read by sixteen taps, one tap per output channel of the stage.
 
+#include "qv_reverb_kernels.h"
 #include "qv_reverb_u15_param.h"
 
 #include <System/twa_aligned_allocator.h>
@@ -37,4 +38,5 @@ private:
     twa::sample_vector m_line;
     std::size_t m_mask;
     std::size_t m_write = 0;
+    const qvd::reverb::Kernels* m_k;
 };

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr float kFlush = 1e-18f;
+constexpr float kFlush = qvd::reverb::kLineFlush;
 
 inline float flush(float v)
 {
@@ -52,7 +52,8 @@ void transpose(const float* src, std::size_t ss, float* dst, std::size_t ds, std
 
 qv_reverberant_u15::qv_reverberant_u15(std::uint32_t outputs, std::uint32_t maxBlock, std::uint32_t maxDelay,
                                        float rate)
-    : m_outputs(std::min(outputs, qv_max_channels)), m_maxBlock(maxBlock), m_maxDelay(std::max(maxDelay, 1u))
+    : m_outputs(std::min(outputs, qv_max_channels)), m_maxBlock(maxBlock), m_maxDelay(std::max(maxDelay, 1u)),
+      m_loops(qvd::reverb::selectKernel().fn)
 {
     const auto excursion = static_cast<std::size_t>(std::ceil(qv_reverb_u15_control::kMaxModulation));
     m_size = std::bit_ceil(std::size_t{m_maxDelay} + excursion + 2);
@@ -200,13 +201,7 @@ void qv_reverberant_u15::readLines(std::size_t frames) noexcept
         const auto k = static_cast<std::size_t>(delayAt(0));
         const std::size_t p = (m_write - k) & m_mask;
         if (static_cast<std::size_t>(delayAt(frames - 1)) == k && p >= 1 && p + frames <= m_size) {
-            const float* __restrict a = buf + p;
-            const float* __restrict b = a - 1;
-            const float kf = static_cast<float>(k);
-            for (std::size_t n = 0; n < frames; ++n) {
-                const float f = std::max(df - (off0 + at[n] * slope), 1.0f) - kf;
-                row[n] = a[n] + f * (b[n] - a[n]);
-            }
+            m_loops->interpolate(buf + p, at, df, off0, slope, static_cast<float>(k), row, frames);
             continue;
         }
         for (std::size_t n = 0; n < frames; ++n) {
@@ -233,9 +228,7 @@ void qv_reverberant_u15::writeLines(const float* taps, std::size_t stride, std::
         const float* t = taps + i * stride;
         const float* w = rows + i * kSegment;
         if (p + frames <= m_size) {
-            float* __restrict dst = buf + p;
-            for (std::size_t n = 0; n < frames; ++n)
-                dst[n] = flush(w[n] + t[n]);
+            m_loops->write(w, t, buf + p, frames);
         } else {
             for (std::size_t n = 0; n < frames; ++n)
                 buf[(p + n) & m_mask] = flush(w[n] + t[n]);
@@ -257,7 +250,26 @@ void qv_reverberant_u15::process(const float* taps, std::size_t stride, float* c
         readLines(step);
         m_kernel->Process(m_coefs, m_state, m_x.data(), m_w.data(), tapped ? m_tapOut.data() : nullptr, step);
 
-        for (std::uint32_t c = 0; c < m_outputs; ++c) {
+        std::uint32_t c = 0;
+        if (tapped == 2) {
+            // Both taps in one loop: their tone recursions overlap instead of
+            // one waiting for the other.
+            float* __restrict y0 = out[0] + done;
+            float* __restrict y1 = out[1] + done;
+            const float* taps2 = m_tapOut.data();
+            const float t0 = m_tone[0], dry0 = 1.0f - t0, t1 = m_tone[1], dry1 = 1.0f - t1;
+            float prev0 = m_toneState[0], prev1 = m_toneState[1];
+            for (std::size_t n = 0; n < step; ++n) {
+                prev0 = dry0 * taps2[2 * n] + t0 * prev0;
+                prev1 = dry1 * taps2[2 * n + 1] + t1 * prev1;
+                y0[n] = prev0;
+                y1[n] = prev1;
+            }
+            m_toneState[0] = prev0;
+            m_toneState[1] = prev1;
+            c = 2;
+        }
+        for (; c < m_outputs; ++c) {
             float* y = out[c] + done;
             if (c < tapped) {
                 for (std::size_t n = 0; n < step; ++n)

@@ -3,6 +3,7 @@
 // matrix with a one-pole low-pass per line, fed one to one by the sixteen
 // early-reflection taps and tapped into the output channels.
 
+#include "qv_reverb_kernels.h"
 #include "qv_reverb_u15_param.h"
 
 #include <Algorithms/Lpfm16.h>
@@ -55,6 +56,7 @@ private:
     std::array<std::uint32_t, qv_lines> m_delay{};
     std::array<float, qv_lines> m_depth{};
     std::unique_ptr<twa::numeric::Lpfm16> m_kernel;
+    const qvd::reverb::Kernels* m_loops; // chosen at construction
     twa::numeric::Lpfm16Coefs m_coefs{};
     twa::numeric::Lpfm16State m_state{};
     twa::sample_vector m_x;    // kSegment frames of 16 line outputs

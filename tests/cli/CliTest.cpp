@@ -256,6 +256,25 @@ TEST_F(CliTest, InfoReportsTheKernelsAndIsaForcesALevel)
     ASSERT_FALSE(fast.samples.empty());
     EXPECT_EQ(fast.samples, readAudio(path("ref.wav")).samples);
     EXPECT_EQ(fast.samples, readAudio(path("sse2.wav")).samples);
+
+    // 512-bit plugin kernels: reported when forced (never chosen on a machine
+    // that cannot run them), and the reverb sounds the same with them.
+    const bool wide = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+                      __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl");
+    const Result forced = qvdfx("--isa avx512 info", true);
+    EXPECT_NE(forced.output.find("instruction set: avx512"), std::string::npos) << forced.output;
+    if (__builtin_cpu_supports("avx2")) {
+        EXPECT_NE(forced.output.find(wide ? "kernel reverb lines: m512" : "kernel reverb lines: m256_avx2"),
+                  std::string::npos) << forced.output;
+        const Result avx2 = qvdfx("--isa avx2 info", true);
+        EXPECT_NE(avx2.output.find("kernel reverb lines: m256_avx2"), std::string::npos) << avx2.output;
+    }
+    const std::string reverb = " -p Reverb --set MODULATION=1";
+    ASSERT_EQ(qvdfx("--isa avx512 process " + path("in.wav") + " " + path("w512.wav") + reverb).status, 0);
+    ASSERT_EQ(qvdfx("--isa avx2 process " + path("in.wav") + " " + path("w256.wav") + reverb).status, 0);
+    const Audio w512 = readAudio(path("w512.wav"));
+    ASSERT_FALSE(w512.samples.empty());
+    EXPECT_EQ(w512.samples, readAudio(path("w256.wav")).samples);
 }
 
 // --tempo reaches synced plugins through the host: a quarter-note echo lands
