@@ -172,6 +172,13 @@ int commandLoudnorm(qvd::PluginInterface& registry, Arguments args)
                      "does not compress the range, only shifts the level and limits the peaks\n",
                      input.range, lra);
 
+    // Integer samples are rounded after the measurement, by at most one step;
+    // interpolation can gather a few steps into a true peak. Held that far
+    // under the ceiling, the file still measures under it.
+    const int bits = format == SampleFormat::Pcm16 ? 16 : format == SampleFormat::Pcm24 ? 24 : 0;
+    const double guard =
+        bits ? 20.0 * std::log10(1.0 + 4.0 * std::ldexp(1.0, 1 - bits) / std::pow(10.0, ceiling / 20.0)) : 0.0;
+
     Plan plan;
     plan.gainDb = target - input.integrated;
     plan.limit = input.truePeak + plan.gainDb > ceiling;
@@ -184,7 +191,7 @@ int commandLoudnorm(qvd::PluginInterface& registry, Arguments args)
         const double miss = target - output.integrated;
         // The interpolated peaks can read under the samples themselves on a
         // click; neither may pass the ceiling.
-        const double over = std::max(output.truePeak, output.samplePeak) - ceiling;
+        const double over = std::max(output.truePeak, output.samplePeak) - (ceiling - guard);
         const bool onTarget = std::fabs(miss) <= kTolerance, underCeiling = !(over > 0.0);
         if (onTarget && underCeiling)
             break;

@@ -277,7 +277,24 @@ TEST_F(LoudnessJobs, LoudnormLiftsAQuietFileAndLimitsItsPeaks)
     const double atZero = correlation(0);
     for (const int lag : {-300, -64, -3, -1, 1, 3, 64, 300})
         EXPECT_LT(std::fabs(correlation(lag)), 0.1 * atZero) << lag;
-    EXPECT_EQ(files(), (std::vector<std::string>{"out.wav", "quiet.wav"}));
+
+    // Rounded to 16 bits, the file as read back still holds the ceiling.
+    ASSERT_EQ(qvdfx("loudnorm " + path("quiet.wav") + " " + path("out16.wav") + " --format pcm16").status, 0);
+    const QJsonObject pcm = measure("out16.wav");
+    EXPECT_NEAR(number(pcm, "integrated_lufs"), -16.0, 0.2);
+    EXPECT_LE(number(pcm, "true_peak_dbtp"), -1.0);
+    EXPECT_LE(number(pcm, "sample_peak_dbfs"), -1.0);
+    EXPECT_EQ(files(), (std::vector<std::string>{"out.wav", "out16.wav", "quiet.wav"}));
+
+    // -6 LUFS of noise under a -1 dBTP ceiling is out of reach: as near as
+    // the limiter gets, said so, and the ceiling still holds.
+    const Result hard = qvdfx("loudnorm " + path("quiet.wav") + " " + path("hard.wav") + " --target -6 --quiet", true);
+    ASSERT_EQ(hard.status, 0) << hard.output;
+    EXPECT_NE(hard.output.find("LU from the -6.0 LUFS target"), std::string::npos) << hard.output;
+    const QJsonObject h = measure("hard.wav");
+    EXPECT_GT(number(h, "integrated_lufs"), -9.0);
+    EXPECT_LE(number(h, "true_peak_dbtp"), -1.0);
+    EXPECT_LE(number(h, "sample_peak_dbfs"), -1.0);
 }
 
 // A loud file comes down by gain alone: nothing to limit, so the output is
