@@ -202,6 +202,26 @@ TEST_F(LoudnessJobs, MeasureFindsPeaksBetweenSamples)
     EXPECT_NEAR(number(m, "true_peak_dbtp"), 0.0, 0.2);
 }
 
+// A 5.1 file is weighed by its layout: the LFE not at all, a side surround
+// 1.5 dB over a front channel.
+TEST_F(LoudnessJobs, MeasureWeighsSurroundChannels)
+{
+    const auto only = [&](int channel, const std::string& name) {
+        Audio a;
+        a.channels = 6;
+        std::vector<double> levels(6, -300.0);
+        levels[static_cast<std::size_t>(channel)] = -20.0;
+        appendSine(a, 5.0, 997.0, levels);
+        writeAudio(path(name), a);
+        return measure(name);
+    };
+    const QJsonObject front = only(0, "l.wav"), lfe = only(3, "lfe.wav"), side = only(4, "ls.wav");
+    EXPECT_NEAR(number(front, "integrated_lufs"), -23.01, 0.05);
+    EXPECT_NEAR(number(side, "integrated_lufs") - number(front, "integrated_lufs"), 1.49, 0.02);
+    EXPECT_TRUE(lfe.value("integrated_lufs").isNull());
+    EXPECT_NEAR(lfe.value("sample_peak_dbfs_per_channel").toArray()[3].toDouble(), -20.0, 0.01);
+}
+
 TEST_F(LoudnessJobs, MeasureEdgeCasesAndErrors)
 {
     // Silence has no loudness: null in JSON, -inf for people.
