@@ -19,7 +19,7 @@ namespace qvdfx {
 namespace {
 
 constexpr int kBlock = 8192;
-// Aimed at well inside the ±0.2 LU a delivery spec allows.
+// Well inside the ±0.2 LU that delivery standards allow.
 constexpr double kTolerance = 0.1; // LU
 constexpr int kMaxPasses = 6;
 constexpr double kCeilingStep = 0.05; // dB the limiter goes below an overshoot
@@ -181,7 +181,8 @@ int commandLoudnorm(qvd::PluginInterface& registry, Arguments args)
 
     Plan plan;
     plan.gainDb = target - input.integrated;
-    plan.limit = input.truePeak + plan.gainDb > ceiling;
+    // A gain scales every peak by itself, so this is exact.
+    plan.limit = std::max(input.truePeak, input.samplePeak) + plan.gainDb > ceiling - guard;
     plan.limiterCeiling = ceiling;
     LoudnessFigures output;
     int pass = 0;
