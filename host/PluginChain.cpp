@@ -178,9 +178,14 @@ std::uint64_t PluginChain::latency() const
     return total;
 }
 
-std::string PluginChain::metersJson() const
+std::string PluginChain::metersJson(const std::vector<std::string>& stepFields) const
 {
-    std::string json = "{\n  \"unit\": \"dB\",\n  \"plugins\": [";
+    return "{\n  " + metersFields(stepFields) + "\n}\n";
+}
+
+std::string PluginChain::metersFields(const std::vector<std::string>& stepFields) const
+{
+    std::string json = "\"unit\": \"dB\",\n  \"plugins\": [";
     for (std::size_t s = 0; s < m_steps.size(); ++s) {
         json += std::string(s ? "," : "") + "\n    {\"step\": " + std::to_string(s + 1) + ", \"key\": \"" +
                 jsonEscape(m_steps[s]->instance->pluginKey()) + "\", \"meters\": {";
@@ -191,9 +196,12 @@ std::string PluginChain::metersJson() const
                 json += std::string(i ? ", " : "") + jsonNumber(groups[g].held[i]);
             json += "]";
         }
-        json += "}}";
+        json += "}";
+        if (s < stepFields.size() && !stepFields[s].empty())
+            json += ", " + stepFields[s];
+        json += "}";
     }
-    json += "\n  ]\n}\n";
+    json += "\n  ]";
     return json;
 }
 

@@ -53,8 +53,11 @@ public:
 
     std::size_t size() const { return m_steps.size(); }
     const qvd::PluginInstance& plugin(std::size_t i) const { return *m_steps[i]->instance; }
-    // Meters of every step and group, peak-held in dB since prepare, as JSON.
-    std::string metersJson() const;
+    // Meters of every step and group, peak-held in dB since prepare, as JSON;
+    // stepFields[s], when given, adds members ("name": value) to step s.
+    std::string metersJson(const std::vector<std::string>& stepFields = {}) const;
+    // The same object's members without its braces, to embed with others.
+    std::string metersFields(const std::vector<std::string>& stepFields = {}) const;
 
 private:
     struct Meters {

@@ -20,7 +20,10 @@
 #include "PluginChain.h"
 #include "PluginLibrary.h"
 #include "Progress.h"
+#include "LoudnormJob.h"
+#include "MeasureJob.h"
 #include "Qvdfx.h"
+#include "ReadoutWriter.h"
 #include "Render.h"
 #include "SignalGenerator.h"
 
@@ -47,6 +50,7 @@ const char* kHelp =
     "  process IN OUT -p PLUGIN [--set NAME=VALUE ...] [-p PLUGIN [--set ...]] ...\n"
     "          [--block N] [--smoothing on|off] [--bypass] [--meters FILE.json]\n"
     "          [--tail SECONDS] [--format float|pcm16|pcm24] [--tempo BPM[/N/D]] [--force] [--quiet]\n"
+    "          [--meters-every MS]\n"
     "      runs IN through the chain block by block and writes OUT at IN's rate\n"
     "      and channel count, latency-compensated: OUT lines up with IN sample for\n"
     "      sample and is as long (plus --tail). NAME is a full identifier\n"
@@ -57,9 +61,36 @@ const char* kHelp =
     "      Defaults: --block 512,\n"
     "      --smoothing on (off makes every setting exact from the first sample;\n"
     "      settings made before processing are exact either way), --format float.\n"
-    "      --meters writes every meter of every plugin, peak-held over the file, in dB.\n"
+    "      --meters writes every meter of every plugin, peak-held over the file, in\n"
+    "      dB, and every readout (loudness, gain reduction, spectra ...) with its unit\n"
+    "      as it stands at the end. --meters-every MS adds a series: the readouts\n"
+    "      every MS milliseconds of audio fed in (1 to 3600000, fractions allowed),\n"
+    "      as {time_s, readouts} samples, streamed to the file as they are taken.\n"
     "      --tempo gives plugins that sync to note values a tempo (and a time\n"
     "      signature, 4/4 unless given as 96/3/4) for the whole file.\n"
+    "  measure FILE [--json] [--quiet]\n"
+    "      the loudness of FILE as the Loudness Meter plugin measures it (BS.1770\n"
+    "      K-weighting and gating, 100 ms steps): integrated loudness (LUFS) and its\n"
+    "      relative gate (threshold), loudness range (LU) and its gate, the maximum\n"
+    "      momentary and short-term loudness, true peak (dBTP, 4x oversampled) and\n"
+    "      sample peak (dBFS), overall and per channel; up to 32 channels, LFE\n"
+    "      unweighted. FILE may be '-'. Silence reads -inf (null in JSON).\n"
+    "  loudnorm IN OUT [--target LUFS] [--true-peak DBTP] [--lra LU] [--format ...]\n"
+    "           [--json] [--quiet]\n"
+    "      normalises IN to --target integrated loudness in two passes: measure,\n"
+    "      then one gain for the whole file. When that gain would lift the true\n"
+    "      peak over --true-peak, the Limiter plugin runs in true-peak mode at that\n"
+    "      ceiling, its latency compensated: OUT lines up with IN and is as long.\n"
+    "      OUT is measured as it is written; a limited result off the target by\n"
+    "      more than 0.1 LU or over the ceiling is rendered again with corrected\n"
+    "      gain and limiter ceiling before it is put in place, and one whose peaks\n"
+    "      cannot be held is not written; a target out of reach under the ceiling\n"
+    "      is written as near as 6 passes get, with a warning. The report gives\n"
+    "      both measurements.\n"
+    "      --lra does not compress the loudness range: it is reported, with a\n"
+    "      warning when the input or output range is wider. IN and OUT are files\n"
+    "      (IN is read twice). Defaults: --target -16 (-70 to -5), --true-peak -1\n"
+    "      (-20 to 0), --format float.\n"
     "  gen OUT --signal sine|sweep|noise|pink|impulse|silence [--freq F] [--level DBFS]\n"
     "          [--seconds S] [--rate R] [--channels C] [--seed N] [--format ...]\n"
     "      deterministic test signals. --level is the peak for sine, sweep and\n"
@@ -310,6 +341,7 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
     bool smoothing = true, bypass = false, force = false, quiet = false;
     double tail = 0.0;
     std::string metersPath;
+    double metersEvery = 0.0;
     SampleFormat format = SampleFormat::Float;
     static HostExtensions extensions;
     while (!args.done()) {
@@ -347,6 +379,8 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
             bypass = true;
         } else if (a == "--meters") {
             metersPath = args.value(a);
+        } else if (a == "--meters-every") {
+            metersEvery = parseReadoutPeriod(args.value(a));
         } else if (a == "--tail") {
             tail = parseReal(args.value(a), 0.0, 3600.0, "--tail");
         } else if (a == "--format") {
@@ -365,6 +399,8 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
         fail(kExitUsage, "process: give an input and an output file (qvdfx process IN OUT -p PLUGIN ...)");
     if (steps.empty())
         fail(kExitUsage, "process: name at least one plugin with -p PLUGIN");
+    if (metersEvery > 0.0 && metersPath.empty())
+        fail(kExitUsage, "process: --meters-every needs --meters FILE.json to write the series to");
     const std::string& inPath = files[0];
     const std::string& outPath = files[1];
     checkDistinct({{"input", inPath, false}, {"output", outPath, true}, {"--meters", metersPath, true}});
@@ -387,6 +423,7 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
         writer.writeThrough();
     Buffers buffers(channels, blockSize);
     Progress progress("processing", known < 0 ? 0 : known + tailFrames + latency, quiet);
+    ReadoutWriter readouts(chain, rate, channels, meters ? &*meters : nullptr, metersEvery);
 
     // Input until it ends, then silence for the latency and the tail. The
     // first `latency` frames out are dropped.
@@ -410,7 +447,7 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
             for (auto& ch : buffers.planar)
                 std::fill(ch.begin(), ch.begin() + n, 0.0f);
         }
-        chain.process(buffers.pointers.data(), static_cast<std::int32_t>(n));
+        readouts.process(buffers.pointers.data(), static_cast<std::int32_t>(n));
         fed += n;
         const std::int64_t drop = std::min(n, latency - skipped);
         skipped += drop;
@@ -424,8 +461,7 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
     progress.finish();
     // The meters reach the disk before the audio is put in place, so a full
     // disk loses both rather than leaving one without the other.
-    if (meters)
-        meters->write(chain.metersJson());
+    readouts.finish();
     writer.commit();
     if (meters)
         meters->commit();
@@ -760,7 +796,7 @@ int qvdfx::runCommandLine(std::vector<std::string> words)
         const std::string command = words[0];
         words.erase(words.begin());
         static const char* const kCommands[] = {"info", "list", "params", "process", "gen", "demo", "bench",
-                                                "panel", "response"};
+                                                "panel", "response", "measure", "loudnorm"};
         if (std::find(std::begin(kCommands), std::end(kCommands), command) == std::end(kCommands))
             fail(kExitUsage, "unknown command '" + command + "' (see 'qvdfx --help')");
         Arguments args(command, words);
@@ -790,6 +826,10 @@ int qvdfx::runCommandLine(std::vector<std::string> words)
             return commandPanel(registry, std::move(args));
         if (command == "response")
             return commandResponse(registry, std::move(args));
+        if (command == "measure")
+            return commandMeasure(registry, std::move(args));
+        if (command == "loudnorm")
+            return commandLoudnorm(registry, std::move(args));
         return commandBench(registry, std::move(args));
     } catch (const Failure& f) {
         std::fprintf(stderr, "qvdfx: %s\n", f.message.c_str());
