@@ -118,49 +118,75 @@ void QVDChorus::controlPoint(double increment, int voices, bool jump) noexcept
         }
 }
 
-void QVDChorus::renderSegment(const QVDBlock& block, std::int32_t n, int frames, int voices) noexcept
+template <int voices>
+void QVDChorus::readVoices(int frames, float gain, float (*wet)[kMaxPeriod]) noexcept
 {
-    float wet[2][kMaxPeriod]{};
-    for (int c = 0; c < 2; ++c)
-        for (int v = 0; v < voices; ++v) {
-            double at = m_read[c][v];
-            const double step = m_step[c][v];
-            // Frame k reads as if k frames had been written already.
-            for (int k = 0; k < frames; ++k) {
-                at += step;
-                wet[c][k] += m_line.tap(c, at - k);
+    for (int c = 0; c < 2; ++c) {
+        double at[voices];
+        for (int v = 0; v < voices; ++v)
+            at[v] = m_read[c][v];
+        // Frame k reads as if k frames had been written already. Taking the
+        // whole k off is exact, so any block split gives the same reads.
+        double written = 0.0;
+        for (int k = 0; k < frames; ++k, written += 1.0) {
+            float sum = 0.0f;
+            for (int v = 0; v < voices; ++v) {
+                at[v] += m_step[c][v];
+                sum += m_line.tap(c, at[v] - written);
             }
-            m_read[c][v] = at;
+            wet[c][k] = gain * sum;
         }
+        for (int v = 0; v < voices; ++v)
+            m_read[c][v] = at[v];
+    }
+}
 
-    const auto relaxed = std::memory_order_relaxed;
-    const float voiceGain = 1.0f / static_cast<float>(voices);
-    const float feedback = m_feedback.load(relaxed);
-    const float highCut = m_highCut.load(relaxed);
-    const bool highCutOn = highCut < kHighCutOff && highCut < 0.45f * static_cast<float>(sampleRate());
-    const double lp = highCutOn ? std::exp(-2.0 * M_PI * highCut / sampleRate()) : 0.0;
-    const double mixTarget = m_mix.load(relaxed);
-    const double a = SmoothingCoefficient::shared200ms().a();
+void QVDChorus::renderSegment(const QVDBlock& block, std::int32_t n, int frames, int voices,
+                              const Settings& settings) noexcept
+{
+    float wet[2][kMaxPeriod];
+    switch (voices) {
+    case 1: readVoices<1>(frames, settings.voiceGain, wet); break;
+    case 2: readVoices<2>(frames, settings.voiceGain, wet); break;
+    case 3: readVoices<3>(frames, settings.voiceGain, wet); break;
+    default: readVoices<4>(frames, settings.voiceGain, wet); break;
+    }
 
     const float* inL = block.inputs[0] + n;
     const float* inR = (block.inputCount >= 2 ? block.inputs[1] : block.inputs[0]) + n;
+    for (int k = 0; k < frames; ++k)
+        m_line.write(inL[k] + settings.feedback * wet[0][k], inR[k] + settings.feedback * wet[1][k]);
+    if (settings.lowPass > 0.0) {
+        const double lp = settings.lowPass;
+        for (int c = 0; c < 2; ++c) {
+            double state = m_lowPassed[c];
+            for (int k = 0; k < frames; ++k)
+                wet[c][k] = static_cast<float>(state = (1.0 - lp) * wet[c][k] + lp * state);
+            m_lowPassed[c] = state;
+        }
+    }
+
     float* outL = block.outputs[0] + n;
     float* outR = block.outputCount >= 2 ? block.outputs[1] + n : nullptr;
     double mix = m_mixState;
-    for (int k = 0; k < frames; ++k) {
-        float wetL = voiceGain * wet[0][k], wetR = voiceGain * wet[1][k];
-        const float dryL = inL[k], dryR = inR[k];
-        m_line.write(dryL + feedback * wetL, dryR + feedback * wetR);
-        if (highCutOn) {
-            wetL = static_cast<float>(m_lowPassed[0] = (1.0 - lp) * wetL + lp * m_lowPassed[0]);
-            wetR = static_cast<float>(m_lowPassed[1] = (1.0 - lp) * wetR + lp * m_lowPassed[1]);
-        }
-        mix = glideTo(mix, mixTarget, a);
+    if (mix == settings.mix) {
+        // Settled: one pair of gains for the whole segment.
         const auto dryGain = static_cast<float>(1.0 - mix);
         const auto wetGain = static_cast<float>(mix);
-        outL[k] = dryGain * dryL + wetGain * wetL;
+        for (int k = 0; k < frames; ++k)
+            outL[k] = dryGain * inL[k] + wetGain * wet[0][k];
         if (outR)
-            outR[k] = dryGain * dryR + wetGain * wetR;
+            for (int k = 0; k < frames; ++k)
+                outR[k] = dryGain * inR[k] + wetGain * wet[1][k];
+        return;
+    }
+    for (int k = 0; k < frames; ++k) {
+        mix = glideTo(mix, settings.mix, settings.mixGlide);
+        const auto dryGain = static_cast<float>(1.0 - mix);
+        const auto wetGain = static_cast<float>(mix);
+        outL[k] = dryGain * inL[k] + wetGain * wet[0][k];
+        if (outR)
+            outR[k] = dryGain * inR[k] + wetGain * wet[1][k];
     }
     m_mixState = mix;
 }
@@ -179,6 +205,13 @@ void QVDChorus::render(const QVDBlock& block) noexcept
     // them on the left phases again.
     m_sideTarget = 0.5 * m_spread.load(relaxed);
     const double increment = lfoIncrement(block);
+    const float highCut = m_highCut.load(relaxed);
+    const bool highCutOn = highCut < kHighCutOff && highCut < 0.45f * static_cast<float>(rate);
+    const Settings settings{.voiceGain = 1.0f / static_cast<float>(voices),
+                            .feedback = m_feedback.load(relaxed),
+                            .lowPass = highCutOn ? std::exp(-2.0 * M_PI * highCut / rate) : 0.0,
+                            .mix = m_mix.load(relaxed),
+                            .mixGlide = SmoothingCoefficient::shared200ms().a()};
     if (m_fresh) {
         m_delay[0] = m_delay[1] = m_delayTarget;
         m_halfDepth[0] = m_halfDepth[1] = m_halfDepthTarget;
@@ -198,7 +231,9 @@ void QVDChorus::render(const QVDBlock& block) noexcept
             m_countdown = m_period;
         }
         const int frames = std::min(m_countdown, block.frames - n);
-        renderSegment(block, n, frames, m_voiceCount);
+        Settings segment = settings;
+        segment.voiceGain = 1.0f / static_cast<float>(m_voiceCount);
+        renderSegment(block, n, frames, m_voiceCount, segment);
         m_countdown -= frames;
         n += frames;
     }

@@ -36,15 +36,27 @@ protected:
     void resumeAfterBypass() noexcept override { resetState(); }
 
 private:
+    // Frames between LFO updates; reads ramp straight between them. Never
+    // more than the shortest delay, so a period's reads all find frames
+    // written before it and the period's writes can follow them.
+    static constexpr int kMaxPeriod = 16;
     // LFO cycles per frame for this block: the note value at the host's tempo
     // when synced and the host has one, the free rate otherwise.
     double lfoIncrement(const QVDBlock& block) const noexcept;
     // Moves the glided settings and the LFO one control period on and aims
     // each voice's read ramp at the position they give.
     void controlPoint(double increment, int voices, bool jump) noexcept;
-    // Voices' delay lines read over `frames` frames starting at `n`, summed
-    // into `wet` (per side), then the frames written with feedback.
-    void renderSegment(const QVDBlock& block, std::int32_t n, int frames, int voices) noexcept;
+    // The voices' reads over `frames` frames from `n`, summed per side, then
+    // those frames written with feedback, filtered and mixed.
+    struct Settings {
+        float voiceGain, feedback;
+        double lowPass; // the high cut's pole, 0 when off
+        double mix, mixGlide;
+    };
+    template <int voices>
+    void readVoices(int frames, float gain, float (*wet)[kMaxPeriod]) noexcept;
+    void renderSegment(const QVDBlock& block, std::int32_t n, int frames, int voices,
+                       const Settings& settings) noexcept;
 
     std::atomic<int> m_voices{2};
     std::atomic<float> m_rateHz{0.8f};
@@ -59,10 +71,6 @@ private:
     // Audio thread only.
     StereoDelay m_line;
     bool m_fresh = true;
-    // Frames between LFO updates; reads ramp straight between them. Never
-    // more than the shortest delay, so a period's reads all find frames
-    // written before it and the period's writes can follow them.
-    static constexpr int kMaxPeriod = 16;
     int m_period = kMaxPeriod;
     int m_countdown = 0;
     int m_voiceCount = 0; // the count the ramps were set up for
