@@ -5,6 +5,7 @@
 
 #include <Algorithms/Glide.h>
 #include <Algorithms/LFO.h>
+#include <Algorithms/NoteValue.h>
 #include <Algorithms/WaveTable.h>
 #include <SmoothingCoefficient.h>
 
@@ -35,6 +36,7 @@ std::vector<QVDParam> QVDModulation::parameterRows()
          .defaultValue = 440.0f, .step = 1.0f, .unit = "Hz", .scale = qvd::kLogarithmic},
         qvdListParam("STAGES", "Phaser Stages", {"4", "6", "8", "10", "12"}, 0),
         {.name = "MIX", .label = "Mix", .maximum = 100.0f, .defaultValue = 100.0f, .step = 1.0f, .unit = "%"},
+        qvdListParam("SYNC", "Sync", qvd::notes::syncLabels(), 0),
     };
 }
 
@@ -52,6 +54,7 @@ void QVDModulation::parameterChanged(std::uint32_t index, float value)
     case FREQUENCY: m_frequency.store(std::clamp(value, 20.0f, 5000.0f), relaxed); break;
     case STAGES: m_stages.store(4 + 2 * qvdListIndex(std::clamp(value, 0.0f, 4.0f)), relaxed); break;
     case MIX: m_mix.store(std::clamp(value, 0.0f, 100.0f) / 100.0f, relaxed); break;
+    case SYNC: m_sync.store(qvdListIndex(std::clamp(value, 0.0f, float(qvd::notes::kCount))), relaxed); break;
     default: break;
     }
 }
@@ -76,6 +79,16 @@ void QVDModulation::resetState() noexcept
     m_lfoPhase = m_carrierPhase = 0.0;
     m_countdown = 0;
     m_fresh = true;
+}
+
+double QVDModulation::lfoIncrement(const QVDBlock& block) const noexcept
+{
+    const int sync = m_sync.load(std::memory_order_relaxed);
+    double bpm = 0.0;
+    std::int32_t numerator = 4, denominator = 4;
+    if (sync > 0 && hostTempo(block.record, bpm, numerator, denominator))
+        return 1.0 / (qvd::notes::seconds(sync - 1, bpm) * sampleRate());
+    return m_rateHz.load(std::memory_order_relaxed) / sampleRate();
 }
 
 double QVDModulation::allPassCoefficient(double hz) const noexcept
@@ -115,7 +128,7 @@ void QVDModulation::render(const QVDBlock& block) noexcept
     const int mode = m_mode.load(relaxed);
     const int stages = m_stages.load(relaxed);
     const float* table = LFO::table(m_shape.load(relaxed));
-    const double lfoStep = m_rateHz.load(relaxed) / rate;
+    const double lfoStep = lfoIncrement(block);
     const double carrierStep = m_frequency.load(relaxed) / rate;
     const double base = m_frequency.load(relaxed);
     const double depthTarget = m_depth.load(relaxed), mixTarget = m_mix.load(relaxed);

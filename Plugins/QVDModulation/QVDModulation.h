@@ -4,6 +4,7 @@
 // delay), auto-pan (balance within each channel pair), ring modulation (the
 // input times a carrier at an audio frequency) and a phaser (4 to 12
 // first-order all-passes whose corner the LFO sweeps), with a dry/wet mix.
+// The LFO runs free (Hz) or locked to the host's tempo in note values.
 
 #include <atomic>
 #include <cstdint>
@@ -15,7 +16,7 @@
 class QVDModulation : public QVDEffect<QVDModulation> {
     Q_OBJECT
 public:
-    enum Parameter : std::uint32_t { MODE = 0, RATE, DEPTH, SHAPE, PHASE, FREQUENCY, STAGES, MIX };
+    enum Parameter : std::uint32_t { MODE = 0, RATE, DEPTH, SHAPE, PHASE, FREQUENCY, STAGES, MIX, SYNC };
     enum Mode : int { kTremolo = 0, kVibrato, kAutoPan, kRing, kPhaser };
     static constexpr QVDPluginDescriptor kDescriptor{.name = "Modulation", .fourcc = qvdFourCC("QVMl"), .maxInputs = 8,
                                                      .maxOutputs = 8, .className = "QVDModulation"};
@@ -34,6 +35,9 @@ protected:
     void resumeAfterBypass() noexcept override { resetState(); }
 
 private:
+    // LFO cycles per frame for this block: the note value at the host's tempo
+    // when synced and the host has one, the free rate otherwise.
+    double lfoIncrement(const QVDBlock& block) const noexcept;
     // The per-channel value of the LFO (or carrier) for the current frame, in [-1, 1].
     void channelWaves(const float* table, double phase, int channels, float* out) const noexcept;
     // Sets each channel's phaser coefficient ramp towards the corner the LFO
@@ -50,6 +54,7 @@ private:
     std::atomic<float> m_frequency{440.0f};
     std::atomic<int> m_stages{4};
     std::atomic<float> m_mix{1.0f};
+    std::atomic<int> m_sync{0}; // 0 free, else note value index + 1
 
     // Audio thread only.
     StereoDelay m_lines[kChannels / 2];

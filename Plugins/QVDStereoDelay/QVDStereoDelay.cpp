@@ -1,5 +1,6 @@
 #include "QVDStereoDelay.h"
 
+#include <Algorithms/Glide.h>
 #include <Algorithms/NoteValue.h>
 
 #include <algorithm>
@@ -8,6 +9,14 @@
 #include <SmoothingCoefficient.h>
 
 QVD_REGISTER_AUDIO_PLUGIN(QVDStereoDelay)
+
+namespace {
+
+// Feedback and the loop filters settle in about 20 ms: an automation step
+// becomes a sweep of the repeats' level and colour, not a click.
+constexpr double kGlideSeconds = 0.020;
+
+} // namespace
 
 std::vector<QVDParam> QVDStereoDelay::parameterRows()
 {
@@ -72,6 +81,8 @@ bool QVDStereoDelay::prepareProcessing()
     // The duck follows the input in 5 ms and lets go over 250 ms.
     m_attack = std::exp(-1.0 / (rate * 0.005));
     m_release = std::exp(-1.0 / (rate * 0.250));
+    m_glide = std::exp(-1.0 / (kGlideSeconds * rate));
+    m_controlGlide = std::exp(-kControlPeriod / (kGlideSeconds * rate));
     resetState();
     return true;
 }
@@ -81,6 +92,7 @@ void QVDStereoDelay::resetState() noexcept
     m_delay.clear();
     m_fresh = true;
     m_envelope = 0.0;
+    m_countdown = 0;
     for (int c = 0; c < 2; ++c)
         m_lowPassed[c] = m_lowCutState[c] = 0.0;
 }
@@ -110,17 +122,32 @@ void QVDStereoDelay::render(const QVDBlock& block) noexcept
     const double mixTarget = m_mix.load(relaxed);
     if (m_fresh)
         m_mixState = mixTarget;
+    const bool freshLoop = m_fresh;
     m_fresh = false;
 
-    const float feedback = m_feedback.load(relaxed);
+    const double feedbackTarget = m_feedback.load(relaxed);
     const float cross = m_crossfeed.load(relaxed);
     const float lowCut = m_lowCut.load(relaxed);
     const float highCut = m_highCut.load(relaxed);
-    // Off filters drop out of the loop, so repeats keep their exact ratio.
-    const bool lowCutOn = lowCut > kLowCutOff;
-    const bool highCutOn = highCut < kHighCutOff && highCut < 0.45f * static_cast<float>(rate);
-    const double lp = highCutOn ? pole(highCut) : 0.0;
-    const double hp = lowCutOn ? pole(lowCut) : 0.0;
+    // Both filters always run; an off one fades out of the loop and then
+    // drops out exactly, so repeats keep their exact ratio. An off one's
+    // corner heads for the end of its range, where fading it in is seamless.
+    const double topHz = std::min(static_cast<double>(kHighCutOff), 0.45 * rate);
+    const double lowAmountTarget = lowCut > kLowCutOff ? 1.0 : 0.0;
+    const double highAmountTarget = highCut < kHighCutOff && highCut < topHz ? 1.0 : 0.0;
+    const double lowTarget = std::log2(static_cast<double>(lowCut));
+    const double highTarget = std::log2(std::min(static_cast<double>(highCut), topHz));
+    if (freshLoop) {
+        m_feedbackState = feedbackTarget;
+        m_lowAmount = lowAmountTarget;
+        m_highAmount = highAmountTarget;
+        m_lowOctave = lowTarget;
+        m_highOctave = highTarget;
+        m_hp = pole(static_cast<float>(std::exp2(m_lowOctave)));
+        m_lp = pole(static_cast<float>(std::exp2(m_highOctave)));
+        m_hpStep = m_lpStep = 0.0;
+        m_countdown = 0;
+    }
     const double duckDb = m_duckDb.load(relaxed);
     const bool ducking = duckDb > 0.0;
     const double duckDepth = 1.0 - std::pow(10.0, -duckDb / 20.0);
@@ -138,16 +165,30 @@ void QVDStereoDelay::render(const QVDBlock& block) noexcept
         const float dryL = inL[n], dryR = inR[n];
         float wet[2];
         m_delay.read(wet[0], wet[1]);
+        if (m_countdown == 0) {
+            // Corners glide in octaves every few frames, counted from the
+            // stream's start; the poles ramp straight between those points.
+            m_lowOctave = glideTo(m_lowOctave, lowTarget, m_controlGlide);
+            m_highOctave = glideTo(m_highOctave, highTarget, m_controlGlide);
+            m_hpStep = (pole(static_cast<float>(std::exp2(m_lowOctave))) - m_hp) / kControlPeriod;
+            m_lpStep = (pole(static_cast<float>(std::exp2(m_highOctave))) - m_lp) / kControlPeriod;
+            m_countdown = kControlPeriod;
+        }
+        --m_countdown;
+        m_hp += m_hpStep;
+        m_lp += m_lpStep;
+        m_feedbackState = glideTo(m_feedbackState, feedbackTarget, m_glide);
+        m_lowAmount = glideTo(m_lowAmount, lowAmountTarget, m_glide);
+        m_highAmount = glideTo(m_highAmount, highAmountTarget, m_glide);
+        const auto feedback = static_cast<float>(m_feedbackState);
         float back[2];
         for (int c = 0; c < 2; ++c) {
             // Each line feeds back its own echo, or with cross-feed the other's.
             double v = (1.0f - cross) * wet[c] + cross * wet[1 - c];
-            if (highCutOn)
-                v = m_lowPassed[c] = (1.0 - lp) * v + lp * m_lowPassed[c];
-            if (lowCutOn) {
-                m_lowCutState[c] = (1.0 - hp) * v + hp * m_lowCutState[c];
-                v -= m_lowCutState[c];
-            }
+            m_lowPassed[c] = (1.0 - m_lp) * v + m_lp * m_lowPassed[c];
+            v += m_highAmount * (m_lowPassed[c] - v);
+            m_lowCutState[c] = (1.0 - m_hp) * v + m_hp * m_lowCutState[c];
+            v -= m_lowAmount * m_lowCutState[c];
             back[c] = limit(feedback * static_cast<float>(v));
         }
         m_delay.write(dryL + back[0], dryR + back[1]);

@@ -1,6 +1,6 @@
 #pragma once
 // Stereo delay: two lines up to 4 s with gliding times, feedback through a
-// low and a high cut and a soft limiter, cross-feed for ping-pong, ducking of
+// low and a high cut and a soft limiter, all gliding,, cross-feed for ping-pong, ducking of
 // the wet signal by the input, and a dry/wet mix.
 
 #include <atomic>
@@ -35,7 +35,7 @@ protected:
     void resumeAfterBypass() noexcept override { resetState(); }
 
 private:
-    // One-pole coefficient for a corner in Hz; 0 when the filter is off.
+    // One-pole coefficient for a corner in Hz.
     double pole(float hz) const noexcept;
 
     std::atomic<float> m_timeMs[2]{375.0f, 500.0f};
@@ -56,4 +56,13 @@ private:
     double m_attack = 0.0, m_release = 0.0;
     // Per channel: the high cut's low-pass state and the low cut's.
     double m_lowPassed[2]{}, m_lowCutState[2]{};
+    // Glided loop settings: feedback, how far each filter is in the loop
+    // (0 off .. 1 on), the corners in octaves (log2 Hz) and their poles
+    // ramping between control points.
+    static constexpr int kControlPeriod = 16;
+    double m_glide = 0.0, m_controlGlide = 0.0;
+    double m_feedbackState = 0.35, m_lowAmount = 0.0, m_highAmount = 0.0;
+    double m_lowOctave = 0.0, m_highOctave = 0.0;
+    double m_hp = 0.0, m_hpStep = 0.0, m_lp = 0.0, m_lpStep = 0.0;
+    int m_countdown = 0;
 };

@@ -51,4 +51,11 @@ void BM_ChorusOneVoice(benchmark::State& state)
 }
 BENCHMARK(BM_ChorusOneVoice);
 
+// Default settings: two voices per side.
+void BM_ChorusTwoVoices(benchmark::State& state)
+{
+    Stereo("Chorus:1364608121", {}).run(state);
+}
+BENCHMARK(BM_ChorusTwoVoices);
+
 } // namespace

@@ -3,6 +3,7 @@
 #include <complex>
 
 #include "../../support/PluginFixture.h"
+#include "FixedTempo.h"
 
 using namespace qvd::test;
 
@@ -33,6 +34,28 @@ int notches(const std::vector<float>& ir)
         if (level[i] < -20.0 && level[i] <= level[i - 1] && level[i] < level[i + 1])
             ++count;
     return count;
+}
+
+// A sine tremolo at full depth on a steady 0.5: the gain's period in seconds,
+// from its rising crossings of half the level, interpolated between frames.
+double tremoloPeriod(PluginFixture& fx, double seconds)
+{
+    EXPECT_TRUE(fx.prepare(kRate, 256, 2));
+    fx.set("MODE", kTremolo);
+    fx.set("DEPTH", 100.0f);
+    fx.set("RATE", 3.0f);
+    Signal in = silence(2, static_cast<std::size_t>(seconds * kRate));
+    for (auto& ch : in)
+        std::fill(ch.begin(), ch.end(), 0.5f);
+    const Signal out = fx.run(in, 17);
+    const auto& y = out[0];
+    std::vector<double> rising;
+    for (std::size_t n = 1; n < y.size(); ++n)
+        if (y[n - 1] < 0.25f && y[n] >= 0.25f)
+            rising.push_back(static_cast<double>(n - 1) + (0.25 - y[n - 1]) / (y[n] - y[n - 1]));
+    if (rising.size() < 2)
+        return 0.0;
+    return (rising.back() - rising.front()) / static_cast<double>(rising.size() - 1) / kRate;
 }
 
 } // namespace
@@ -124,4 +147,25 @@ TEST(Modulation, AutoPanMovesEachPairFromSideToSide)
         for (std::size_t n = 0; n < left.size(); ++n)
             ASSERT_NEAR(std::max(left[n], right[n]), 0.5f, 1e-6f) << n;
     }
+}
+
+TEST(Modulation, SyncedLfoFollowsTheHostsTempoInNoteValues)
+{
+    // Sync choices: "Free", then 1/1, 1/1 D, 1/1 T, 1/2, ... so 1/4 is 7,
+    // 1/8 T is 12 and 1/16 D is 14.
+    struct Case {
+        float sync;
+        double bpm, seconds;
+    };
+    for (const Case k : {Case{7.0f, 120.0, 0.5}, Case{12.0f, 120.0, 1.0 / 6.0}, Case{14.0f, 90.0, 0.25}}) {
+        FixedTempo tempo(k.bpm);
+        PluginFixture fx(kKey);
+        tempo.detach();
+        fx.set("SYNC", k.sync);
+        EXPECT_NEAR(tremoloPeriod(fx, 4.0), k.seconds, k.seconds * 0.005) << k.sync;
+    }
+    // Without a tempo from the host the free 3 Hz runs.
+    PluginFixture free(kKey);
+    free.set("SYNC", 7.0f);
+    EXPECT_NEAR(tremoloPeriod(free, 4.0), 1.0 / 3.0, 1.0 / 3.0 * 0.005);
 }

@@ -139,3 +139,55 @@ TEST(Delay, SweepingTheTimeGlidesWithoutClicks)
     // The sweep does arrive: the tail is the 10 ms echo again.
     EXPECT_NEAR(rms(out[0], out[0].size() - 9600), amplitude / std::sqrt(2.0), 1e-3);
 }
+
+TEST(Delay, FeedbackAndLoopFilterStepsGlideWithoutClicks)
+{
+    // A 5 ms loop on a 100 Hz (or 300 Hz) sine: an odd number of half
+    // periods, so even full feedback settles (to half the amplitude) and
+    // everything in the loop stays that sine. Whatever the loop's gain and colour, the output's second
+    // difference then stays near A w^2; a setting that steps changes the
+    // loop's content at once and the echo carries that step, of the order of
+    // the amplitude. Same bound as the time sweep: 26 A w^2.
+    constexpr double rate = 48000.0, amplitude = 0.5;
+    struct Step {
+        const char* name;
+        float from, to, feedback;
+        double hz;
+    };
+    for (const Step s : {Step{"FEEDBACK", 0.0f, 100.0f, 0.0f, 100.0}, Step{"LOW_CUT", 20.0f, 2000.0f, 90.0f, 100.0},
+                         Step{"HIGH_CUT", 20000.0f, 1000.0f, 90.0f, 300.0}}) {
+        const double hz = s.hz, w = 2.0 * M_PI * hz / rate;
+        PluginFixture fx(kKey);
+        wetOnly(fx, rate, 5.0f, s.feedback);
+        fx.set(s.name, s.from);
+        const Signal in = sine(2, static_cast<std::size_t>(3 * rate), hz, rate, amplitude);
+        std::vector<float> out;
+        for (std::size_t at = 0; at < in[0].size(); at += 480) {
+            // Step up after 1 s, back down after 2 s.
+            if (at == 48000)
+                fx.set(s.name, s.to);
+            if (at == 96000)
+                fx.set(s.name, s.from);
+            Signal chunk(2);
+            for (int c = 0; c < 2; ++c)
+                chunk[c].assign(in[c].begin() + static_cast<std::ptrdiff_t>(at),
+                                in[c].begin() + static_cast<std::ptrdiff_t>(at + 480));
+            const Signal y = fx.run(chunk);
+            out.insert(out.end(), y[0].begin(), y[0].end());
+        }
+        double worst = 0.0;
+        std::size_t where = 0;
+        for (std::size_t n = 4800; n < out.size(); ++n) {
+            const double curvature = std::fabs(static_cast<double>(out[n]) - 2.0 * out[n - 1] + out[n - 2]);
+            if (curvature > worst) {
+                worst = curvature;
+                where = n;
+            }
+        }
+        EXPECT_LE(worst, 26.0 * amplitude * w * w) << s.name << " at frame " << where;
+        // The step does reach the loop: after it the echo level differs
+        // (a 1 kHz high cut takes 0.3 dB off 300 Hz there).
+        const double before = rms(out, 24000, 48000), after = rms(out, 72000, 96000);
+        EXPECT_GT(std::fabs(dB(after) - dB(before)), 0.15) << s.name;
+    }
+}
