@@ -48,8 +48,8 @@ public:
         kGainReduction = 0,
     };
     static constexpr float kMinFrequency = 2000.0f, kMaxFrequency = 16000.0f;
-    // Per-channel state is built at construction for this many channels, so
-    // a change of channel count never allocates.
+    // Per-channel state is built by initialise for this many channels, so a
+    // change of channel count never allocates.
     static constexpr std::int32_t kMaxChannels = 8;
 
     DeEsser();
@@ -85,7 +85,6 @@ private:
     Glides targets() const noexcept;
     void design() noexcept;
     void designLowPass() noexcept;
-    void push(Lane& lane, float x, float band) noexcept;
 
     static constexpr std::int32_t kChunk = 32;
 

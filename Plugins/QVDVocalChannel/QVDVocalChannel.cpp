@@ -48,36 +48,36 @@ std::vector<QVDParam> QVDVocalChannel::parameterRows()
 {
     return {
         qvdSwitchParam("HPF_ON", "High-Pass", true),
-        hz("HPF_FREQ", "High-Pass Frequency", 40, 300, 80),
+        hz("HPF_FREQ", "HP Frequency", 40, 300, 80),
         qvdSwitchParam("GATE_ON", "Gate", false),
-        db("GATE_THRESHOLD", "Gate Threshold", -80, 0, -50),
+        db("GATE_THRESH", "Gate Threshold", -80, 0, -50),
         db("GATE_RANGE", "Gate Range", 0, 50, 20),
         ratio("GATE_RATIO", "Gate Ratio", 1, 4),
         ms("GATE_ATTACK", "Gate Attack", 0.1f, 100, 1, 0.1f),
         ms("GATE_HOLD", "Gate Hold", 0.1f, 100, 20, 0.1f),
         ms("GATE_RELEASE", "Gate Release", 50, 4000, 200, 1),
         qvdSwitchParam("COMP_ON", "Compressor", true),
-        db("COMP_THRESHOLD", "Compressor Threshold", -50, 0, -20),
-        ratio("COMP_RATIO", "Compressor Ratio", 1.2f, 3),
-        db("COMP_KNEE", "Compressor Knee", 0, 15, 6),
-        ms("COMP_ATTACK", "Compressor Attack", 0.1f, 100, 5, 0.1f),
-        ms("COMP_RELEASE", "Compressor Release", 50, 4000, 150, 1),
-        db("COMP_MAKEUP", "Compressor Make-up", 0, 20, 0),
+        db("COMP_THRESH", "Comp Threshold", -50, 0, -20),
+        ratio("COMP_RATIO", "Comp Ratio", 1.2f, 3),
+        db("COMP_KNEE", "Comp Knee", 0, 15, 6),
+        ms("COMP_ATTACK", "Comp Attack", 0.1f, 100, 5, 0.1f),
+        ms("COMP_RELEASE", "Comp Release", 50, 4000, 150, 1),
+        db("COMP_MAKEUP", "Comp Make-up", 0, 20, 0),
         qvdSwitchParam("DEESS_ON", "De-Esser", true),
-        db("DEESS_THRESHOLD", "De-Esser Threshold", -60, 0, -30),
-        db("DEESS_RANGE", "De-Esser Range", 0, 30, 6),
-        hz("DEESS_FREQ", "De-Esser Frequency", DeEsser::kMinFrequency, DeEsser::kMaxFrequency, 6000),
-        qvdListParam("DEESS_MODE", "De-Esser Mode", {"Wide Band", "Split Band"}, DeEsser::kSplitBand),
-        hz("DEESS_SPLIT", "De-Esser Split", DeEsser::kMinFrequency, DeEsser::kMaxFrequency, 4000),
+        db("DEESS_THRESH", "De-Ess Thresh", -60, 0, -30),
+        db("DEESS_RANGE", "De-Ess Range", 0, 30, 6),
+        hz("DEESS_FREQ", "De-Ess Freq", DeEsser::kMinFrequency, DeEsser::kMaxFrequency, 6000),
+        qvdListParam("DEESS_MODE", "De-Ess Mode", {"Wide Band", "Split Band"}, DeEsser::kSplitBand),
+        hz("DEESS_SPLIT", "De-Ess Split", DeEsser::kMinFrequency, DeEsser::kMaxFrequency, 4000),
         qvdSwitchParam("EQ_ON", "EQ", true),
-        hz("LOW_FREQ", "Low Shelf Frequency", 40, 500, 120),
+        hz("LOW_FREQ", "Low Shelf Freq", 40, 500, 120),
         db("LOW_GAIN", "Low Shelf Gain", -12, 12, 0),
-        hz("PRESENCE_FREQ", "Presence Frequency", 1000, 8000, 3000),
+        hz("PRESENCE_FREQ", "Presence Freq", 1000, 8000, 3000),
         db("PRESENCE_GAIN", "Presence Gain", -12, 12, 0),
         {.name = "PRESENCE_Q", .label = "Presence Q", .minimum = 0.3f, .maximum = 4, .defaultValue = 1,
          .step = 0.01f, .scale = qvd::kLogarithmic},
-        hz("HIGH_FREQ", "High Shelf Frequency", 4000, 16000, 10000),
-        db("HIGH_GAIN", "High Shelf Gain", -12, 12, 0),
+        hz("HIGH_FREQ", "Hi Shelf Freq", 4000, 16000, 10000),
+        db("HIGH_GAIN", "Hi Shelf Gain", -12, 12, 0),
         db("OUTPUT", "Output", -24, 24, 0),
     };
 }
@@ -147,8 +147,8 @@ QVDVocalChannel::Glides QVDVocalChannel::targets() const noexcept
     };
     Glides g{};
     g.hpf = std::log(setting(HPF_FREQ));
-    g.gateThreshold = setting(GATE_THRESHOLD);
-    g.compThreshold = setting(COMP_THRESHOLD);
+    g.gateThreshold = setting(GATE_THRESH);
+    g.compThreshold = setting(COMP_THRESH);
     g.makeup = setting(COMP_MAKEUP);
     g.logFreq = {std::log(setting(LOW_FREQ)), std::log(setting(PRESENCE_FREQ)), std::log(setting(HIGH_FREQ))};
     g.gainDb = {setting(LOW_GAIN), setting(PRESENCE_GAIN), setting(HIGH_GAIN)};
@@ -183,7 +183,7 @@ void QVDVocalChannel::applySettings() noexcept
 
     // The de-esser glides its own settings; switched out, its range glides to
     // 0 dB and it only delays, so the latency never changes.
-    m_deesser.setParameter(DeEsser::THRES, setting(DEESS_THRESHOLD));
+    m_deesser.setParameter(DeEsser::THRES, setting(DEESS_THRESH));
     m_deesser.setParameter(DeEsser::RANGE, m_on[kDeEsser] ? setting(DEESS_RANGE) : 0.0f);
     m_deesser.setParameter(DeEsser::FREQ, setting(DEESS_FREQ));
     m_deesser.setParameter(DeEsser::MODE, setting(DEESS_MODE));

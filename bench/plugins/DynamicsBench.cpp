@@ -24,7 +24,7 @@ void BM_VocalChannelCompressor(benchmark::State& state)
     Stereo("Vocal Channel:1364608121", {{"QVDVocalChannel::HPF_ON", 0.0f},
                                         {"QVDVocalChannel::DEESS_ON", 0.0f},
                                         {"QVDVocalChannel::EQ_ON", 0.0f},
-                                        {"QVDVocalChannel::COMP_THRESHOLD", -24.0f},
+                                        {"QVDVocalChannel::COMP_THRESH", -24.0f},
                                         {"QVDVocalChannel::COMP_RATIO", 4.0f},
                                         {"QVDVocalChannel::COMP_ATTACK", 10.0f},
                                         {"QVDVocalChannel::COMP_RELEASE", 100.0f}})
@@ -36,9 +36,9 @@ BENCHMARK(BM_VocalChannelCompressor);
 void BM_VocalChannelFull(benchmark::State& state)
 {
     Stereo("Vocal Channel:1364608121", {{"QVDVocalChannel::GATE_ON", 1.0f},
-                                        {"QVDVocalChannel::GATE_THRESHOLD", -30.0f},
-                                        {"QVDVocalChannel::COMP_THRESHOLD", -30.0f},
-                                        {"QVDVocalChannel::DEESS_THRESHOLD", -40.0f},
+                                        {"QVDVocalChannel::GATE_THRESH", -30.0f},
+                                        {"QVDVocalChannel::COMP_THRESH", -30.0f},
+                                        {"QVDVocalChannel::DEESS_THRESH", -40.0f},
                                         {"QVDVocalChannel::LOW_GAIN", -2.0f},
                                         {"QVDVocalChannel::PRESENCE_GAIN", 3.0f},
                                         {"QVDVocalChannel::HIGH_GAIN", 2.0f}})

@@ -39,7 +39,7 @@ TEST(VocalChannel, EveryStageOutPassesTheInputBitForBit)
             f.set(s, 0.0f);
         // Settings of stages that are out change nothing.
         f.set("LOW_GAIN", 9.0f);
-        f.set("COMP_THRESHOLD", -50.0f);
+        f.set("COMP_THRESH", -50.0f);
         const Signal in = noise(channels, 20000, 3, 0.9f);
         // The de-esser's split filter sets a fixed latency of 1.2 ms.
         const std::uint64_t lag = f.audio()->latency();
@@ -70,7 +70,7 @@ TEST(VocalChannel, GateClosesByItsRangeUnderItsThreshold)
         PluginFixture f(kKey);
         ASSERT_TRUE(f.prepare(kRate, 512, 1));
         only(f, "GATE_ON");
-        f.set("GATE_THRESHOLD", -40.0f);
+        f.set("GATE_THRESH", -40.0f);
         f.set("GATE_RATIO", 4.0f);
         f.set("GATE_RANGE", 20.0f);
         EXPECT_NEAR(gainDb(f, 1000.0, levelDb), expectDb, 0.05) << levelDb << " dB";
@@ -85,7 +85,7 @@ TEST(VocalChannel, CompressorFollowsItsStaticCurve)
         PluginFixture f(kKey);
         ASSERT_TRUE(f.prepare(kRate, 512, 2));
         only(f, "COMP_ON");
-        f.set("COMP_THRESHOLD", -20.0f);
+        f.set("COMP_THRESH", -20.0f);
         f.set("COMP_RATIO", 4.0f);
         f.set("COMP_KNEE", 0.0f);
         EXPECT_NEAR(gainDb(f, 1000.0, levelDb, 2), outDb - levelDb, 0.2) << levelDb << " dB";
@@ -95,7 +95,7 @@ TEST(VocalChannel, CompressorFollowsItsStaticCurve)
     PluginFixture f(kKey);
     ASSERT_TRUE(f.prepare(kRate, 512, 1));
     only(f, "COMP_ON");
-    f.set("COMP_THRESHOLD", -20.0f);
+    f.set("COMP_THRESH", -20.0f);
     f.set("COMP_RATIO", 4.0f);
     f.set("COMP_KNEE", 0.0f);
     f.set("COMP_MAKEUP", 6.0f);
@@ -126,6 +126,23 @@ TEST(VocalChannel, ToneEqAtItsThreeBands)
     }
 }
 
+TEST(VocalChannel, DeEsserStageTakesItsRangeOffSibilance)
+{
+    for (const float mode : {0.0f, 1.0f}) {
+        PluginFixture f(kKey);
+        ASSERT_TRUE(f.prepare(kRate, 512, 2));
+        only(f, "DEESS_ON");
+        f.set("DEESS_FREQ", 7000.0f);
+        f.set("DEESS_THRESH", -30.0f);
+        f.set("DEESS_RANGE", 8.0f);
+        f.set("DEESS_MODE", mode);
+        // A 7 kHz sine 20 dB over the threshold, and a 300 Hz one under it.
+        EXPECT_NEAR(gainDb(f, 7000.0, -13.0, 2), -8.0, 0.1) << "mode " << mode;
+        EXPECT_NEAR(readout(f, "De-Esser Reduction"), 8.0, 1e-3);
+        EXPECT_NEAR(gainDb(f, 300.0, -13.0, 2), 0.0, 1e-3) << "mode " << mode;
+    }
+}
+
 TEST(VocalChannel, OutputLevelAndItsReadout)
 {
     PluginFixture f(kKey);
@@ -142,7 +159,7 @@ TEST(VocalChannel, SwitchingAStageInCrossfadesWithoutAStep)
     PluginFixture f(kKey);
     ASSERT_TRUE(f.prepare(kRate, 256, 1, 1, true));
     only(f, "");
-    f.set("COMP_THRESHOLD", -40.0f);
+    f.set("COMP_THRESH", -40.0f);
     f.set("COMP_RATIO", 20.0f);
     const double amplitude = 0.5, hz = 500.0;
     const Signal in = sine(1, 48000, hz, kRate, amplitude);
