@@ -47,8 +47,8 @@ QVDParam ratio(const char* name, const char* label, float min, float def)
 std::vector<QVDParam> QVDVocalChannel::parameterRows()
 {
     return {
-        qvdSwitchParam("HPF_ON", "High-Pass", true),
         hz("HPF_FREQ", "HP Frequency", 40, 300, 80),
+        qvdSwitchParam("HPF_ON", "High-Pass", true),
         qvdSwitchParam("GATE_ON", "Gate", false),
         db("GATE_THRESH", "Gate Threshold", -80, 0, -50),
         db("GATE_RANGE", "Gate Range", 0, 50, 20),

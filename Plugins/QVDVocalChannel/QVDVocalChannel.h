@@ -30,8 +30,8 @@ class QVDVocalChannel : public QVDEffect<QVDVocalChannel> {
     Q_OBJECT
 public:
     enum Parameter : std::uint32_t {
-        HPF_ON = 0,
-        HPF_FREQ,
+        HPF_FREQ = 0,
+        HPF_ON,
         GATE_ON,
         GATE_THRESH,
         GATE_RANGE,
