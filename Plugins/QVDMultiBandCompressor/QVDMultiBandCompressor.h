@@ -1,0 +1,107 @@
+#pragma once
+// Multiband compressor: up to five bands from a Linkwitz-Riley crossover
+// (24 or 48 dB/oct) that sums to an all-pass, each band with its own RMS
+// compressor (threshold, ratio, attack, release, soft knee), make-up, bypass
+// and solo. Detection is linked across channels or per channel. No latency.
+//
+// Settings reach the compressors on the audio thread at the start of a block
+// (a few trigonometric calls, no allocation). Crossover frequencies glide in
+// steps of kGlideChunk frames; band gains, bypass and solo ramp across each
+// block; a change of band count or slope fades the output out and back in
+// around the switch, since the phase of the whole changes with it.
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include <Algorithms/Crossover.h>
+#include <Algorithms/RmsCompressor.h>
+#include <QVDEffect.h>
+
+class QVDMultiBandCompressor : public QVDEffect<QVDMultiBandCompressor> {
+    Q_OBJECT
+public:
+    static constexpr int kMaxBands = Crossover::kMaxBands;
+    static constexpr int kMaxChannels = 10;
+    enum Parameter : std::uint32_t {
+        BANDS = 0,
+        SLOPE,
+        CROSSOVER_1,
+        CROSSOVER_2,
+        CROSSOVER_3,
+        CROSSOVER_4,
+        INPUT,
+        OUTPUT,
+        LINK,
+        kFirstBandParameter,
+    };
+    // Per band, from kFirstBandParameter + band * kBandParameters.
+    enum BandParameter : std::uint32_t { THRESHOLD = 0, RATIO, ATTACK, RELEASE, KNEE, MAKEUP, BYPASS, SOLO,
+                                         kBandParameters };
+    static constexpr QVDPluginDescriptor kDescriptor{.name = "Multiband Compressor", .fourcc = qvdFourCC("QVDk"),
+                                                     .maxInputs = kMaxChannels, .maxOutputs = kMaxChannels,
+                                                     .className = "QVDMultiBandCompressor"};
+    static std::vector<QVDParam> parameterRows();
+    static constexpr std::uint32_t bandParameter(int band, BandParameter p)
+    {
+        return kFirstBandParameter + static_cast<std::uint32_t>(band) * kBandParameters + p;
+    }
+
+    QVDMultiBandCompressor(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
+    ~QVDMultiBandCompressor() override;
+
+protected:
+    void parameterChanged(std::uint32_t index, float value) override;
+    void render(const QVDBlock& block) noexcept override;
+    void resetState() noexcept override;
+    void resumeAfterBypass() noexcept override { resetState(); }
+    bool prepareProcessing() override;
+
+private:
+    struct Band {
+        std::atomic<float> thresholdDb{-20.0f}, ratio{2.0f}, attackMs{10.0f}, releaseMs{150.0f}, kneeDb{6.0f};
+        std::atomic<float> makeup{1.0f}; // linear
+        std::atomic<bool> bypass{false}, solo{false};
+        // Audio thread: the weights of the compressed and the untouched band
+        // in the output, where the last block left them.
+        float wet = 1.0f, dry = 0.0f;
+        float rmsMs = 0.0f; // detector window in force
+    };
+    // Ramp of one gain across a block: the one-pole's value after `frames`.
+    struct Ramp {
+        float from, to;
+        bool steady() const { return from == to; }
+    };
+
+    void applyBandSettings(int band, double rate) noexcept;
+    void updateCrossover(bool jump) noexcept;
+    void targetFrequencies(int splits, double rate, double* hz) const noexcept;
+    float rmsWindowMs(int band, const double* hz) const noexcept;
+    void renderCrossover(const QVDBlock& block, const Ramp& input) noexcept;
+
+    std::atomic<int> m_bands{4};
+    std::atomic<int> m_slope{Crossover::k24dB};
+    std::array<std::atomic<float>, kMaxBands - 1> m_crossoverHz{};
+    std::atomic<float> m_input{1.0f}, m_output{1.0f};
+    std::atomic<bool> m_linked{true};
+    std::array<Band, kMaxBands> m_band;
+    // Bands whose compressor settings changed; bit kMaxBands: the crossover.
+    std::atomic<std::uint32_t> m_dirty{~0u};
+    std::int32_t m_grReadout = 0;
+
+    // Audio thread.
+    Crossover m_crossover;
+    std::array<double, kMaxBands - 1> m_glideHz{}; // frequencies in force
+    bool m_fresh = true;
+    bool m_linkedInForce = true;
+    float m_inGain = 1.0f, m_outGain = 1.0f;
+    float m_fade = 1.0f; // output fade around a change of band count or slope
+    std::array<std::unique_ptr<RmsCompressor>, kMaxBands> m_linkedComp;
+    std::array<std::array<std::unique_ptr<RmsCompressor>, kMaxChannels>, kMaxBands> m_channelComp;
+    // Sized at prepare: per band and channel, and one dry copy per channel.
+    std::vector<float> m_storage;
+    std::array<std::array<float*, kMaxChannels>, kMaxBands> m_bandBuf{};
+    std::array<float*, kMaxChannels> m_dryBuf{};
+};
