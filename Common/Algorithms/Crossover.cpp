@@ -11,13 +11,20 @@ namespace {
 // Two channels in the lanes of one SSE2 register; plain double for one.
 using Pair = double __attribute__((vector_size(16)));
 
+// Samples that would leave as subnormal floats leave as 0: they are far
+// below hearing and slow down every block that meets them.
+inline float flushed(double v)
+{
+    return std::fabs(v) < 1e-30 ? 0.0f : static_cast<float>(v);
+}
+
 template <class T>
 struct Lanes;
 
 template <>
 struct Lanes<double> {
     static double load(const float* const* p, std::int32_t i) { return static_cast<double>(p[0][i]); }
-    static void store(float* const* p, std::int32_t i, double v) { p[0][i] = static_cast<float>(v); }
+    static void store(float* const* p, std::int32_t i, double v) { p[0][i] = flushed(v); }
     static double state(BiQuadState* const* s, std::size_t k, bool older)
     {
         return older ? s[0][k].w2 : s[0][k].w1;
@@ -33,8 +40,8 @@ struct Lanes<Pair> {
     }
     static void store(float* const* p, std::int32_t i, Pair v)
     {
-        p[0][i] = static_cast<float>(v[0]);
-        p[1][i] = static_cast<float>(v[1]);
+        p[0][i] = flushed(v[0]);
+        p[1][i] = flushed(v[1]);
     }
     static Pair state(BiQuadState* const* s, std::size_t k, bool older)
     {

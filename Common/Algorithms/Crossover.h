@@ -15,7 +15,8 @@
 //
 // Filter states are double precision. Channels run in pairs, two lanes of one
 // vector, so the recursions of a stereo pair cost one channel's latency.
-// Denormals are flushed from the states at the end of each block, not per sample.
+// States that decayed below 1e-30 are cleared at the end of each block rather
+// than flushed every sample, and band samples that small leave as 0.
 
 #include <array>
 #include <cstdint>

@@ -11,7 +11,7 @@ QVD_REGISTER_AUDIO_PLUGIN(QVDMultiBandCompressor)
 
 namespace {
 
-constexpr float kDefaultCrossoverHz[QVDMultiBandCompressor::kMaxBands - 1] = {120.0f, 600.0f, 3000.0f, 10000.0f};
+constexpr float kDefaultCrossoverHz[QVDMultiBandCompressor::kMaxBands - 1] = {100.0f, 500.0f, 2000.0f, 8000.0f};
 constexpr float kMinHz = 20.0f, kMaxHz = 20000.0f;
 // Neighbouring crossovers stay at least a third of an octave apart.
 const double kMinSpacing = std::pow(2.0, 1.0 / 3.0);
@@ -59,16 +59,15 @@ void mixRamp(float* __restrict dst, const float* __restrict src, float from, flo
     }
 }
 
+// x *= the ramp; what would be subnormal becomes 0 (gains far down can
+// take a tiny band there).
 void scaleRamp(float* x, float from, float to, std::int32_t frames)
 {
-    if (from == to) {
-        for (std::int32_t i = 0; i < frames; ++i)
-            x[i] *= to;
-        return;
-    }
     const float step = (to - from) / static_cast<float>(frames);
-    for (std::int32_t i = 0; i < frames; ++i)
-        x[i] *= from + step * static_cast<float>(i + 1);
+    for (std::int32_t i = 0; i < frames; ++i) {
+        const float y = x[i] * (from == to ? to : from + step * static_cast<float>(i + 1));
+        x[i] = std::fabs(y) < 1e-30f ? 0.0f : y;
+    }
 }
 
 } // namespace
@@ -96,7 +95,7 @@ std::vector<QVDParam> QVDMultiBandCompressor::parameterRows()
         rows.push_back({.name = id + "THRESHOLD", .label = label + "Threshold", .minimum = -60, .maximum = 0,
                         .defaultValue = -20, .step = 0.1f, .unit = "dB"});
         rows.push_back({.name = id + "RATIO", .label = label + "Ratio", .minimum = 1, .maximum = 20,
-                        .defaultValue = 2, .step = 0.1f, .unit = ":1", .scale = qvd::kLogarithmic});
+                        .defaultValue = 2, .step = 0.1f, .scale = qvd::kLogarithmic});
         rows.push_back({.name = id + "ATTACK", .label = label + "Attack", .minimum = 0.1f, .maximum = 200,
                         .defaultValue = 10, .step = 0.1f, .unit = "ms", .scale = qvd::kLogarithmic});
         rows.push_back({.name = id + "RELEASE", .label = label + "Release", .minimum = 5, .maximum = 4000,
@@ -126,6 +125,23 @@ QVDMultiBandCompressor::QVDMultiBandCompressor(const QVDPluginDescriptor* descri
 }
 
 QVDMultiBandCompressor::~QVDMultiBandCompressor() = default;
+
+QString QVDMultiBandCompressor::valueText(std::int32_t index, float value) const
+{
+    if (std::isnan(value))
+        return QVDEffect::valueText(index, value);
+    const auto i = static_cast<std::uint32_t>(index);
+    if (i == BANDS) {
+        const int n = std::clamp(qvdListIndex(value), 1, kMaxBands);
+        return n == 1 ? QStringLiteral("1 band") : QStringLiteral("%1 bands").arg(n);
+    }
+    if (i >= CROSSOVER_1 && i <= CROSSOVER_4 && value >= 1000.0f)
+        return QStringLiteral("%1 kHz").arg(static_cast<double>(value) / 1000.0, 0, 'f', 2);
+    const bool bandRow = i >= kFirstBandParameter && i < kFirstBandParameter + kMaxBands * kBandParameters;
+    if (bandRow && (i - kFirstBandParameter) % kBandParameters == RATIO)
+        return QStringLiteral("%1:1").arg(static_cast<double>(value), 0, 'f', 1);
+    return QVDEffect::valueText(index, value);
+}
 
 void QVDMultiBandCompressor::parameterChanged(std::uint32_t index, float value)
 {
@@ -231,9 +247,8 @@ void QVDMultiBandCompressor::applyBandSettings(int b, double rate) noexcept
     constexpr auto relaxed = std::memory_order_relaxed;
     double hz[kMaxBands - 1];
     targetFrequencies(kMaxBands - 1, rate, hz);
-    band.rmsMs = rmsWindowMs(b, hz);
     const float values[][2] = {
-        {RmsCompressor::RMS_SPEED, band.rmsMs},
+        {RmsCompressor::RMS_SPEED, rmsWindowMs(b, hz)},
         {RmsCompressor::THRES, band.thresholdDb.load(relaxed)},
         {RmsCompressor::RATIO, band.ratio.load(relaxed)},
         // The block's knee reaches this far either side of the threshold.
@@ -257,8 +272,9 @@ void QVDMultiBandCompressor::updateCrossover(bool jump) noexcept
 {
     const double rate = sampleRate();
     const int splits = m_crossover.bands() - 1;
-    double target[kMaxBands - 1];
-    targetFrequencies(splits, rate, target);
+    const double* target = m_targetHz.data();
+    if (jump)
+        targetFrequencies(splits, rate, m_targetHz.data());
     const double pole = jump ? 0.0 : std::pow(glide().a(), kGlideChunk);
     for (int k = 0; k < splits; ++k) {
         double& f = m_glideHz[static_cast<std::size_t>(k)];
@@ -362,6 +378,7 @@ void QVDMultiBandCompressor::render(const QVDBlock& block) noexcept
         fade.to = std::min(1.0f, m_fade + fadeStep);
     }
     m_fade = fade.to;
+    targetFrequencies(m_crossover.bands() - 1, rate, m_targetHz.data());
     if (m_fresh)
         updateCrossover(true);
 
@@ -371,9 +388,10 @@ void QVDMultiBandCompressor::render(const QVDBlock& block) noexcept
         anySolo |= m_band[static_cast<std::size_t>(b)].solo.load(relaxed);
 
     const float inTarget = m_input.load(relaxed), outTarget = m_output.load(relaxed);
-    const Ramp input{m_fresh ? inTarget : m_inGain, m_fresh ? inTarget : settle(m_inGain, inTarget, pole, frames)};
-    const Ramp output{m_fresh ? outTarget : m_outGain,
-                      m_fresh ? outTarget : settle(m_outGain, outTarget, pole, frames)};
+    // Unsmoothed (a host's offline render, tests), settings hold from the first sample.
+    const bool jump = m_fresh || !smoothing.enabled();
+    const Ramp input{jump ? inTarget : m_inGain, jump ? inTarget : settle(m_inGain, inTarget, pole, frames)};
+    const Ramp output{jump ? outTarget : m_outGain, jump ? outTarget : settle(m_outGain, outTarget, pole, frames)};
     m_inGain = input.to;
     m_outGain = output.to;
 
@@ -386,7 +404,7 @@ void QVDMultiBandCompressor::render(const QVDBlock& block) noexcept
         const bool bypass = band.bypass.load(relaxed);
         const float wetTarget = heard && !bypass ? band.makeup.load(relaxed) : 0.0f;
         const float dryTarget = heard && bypass ? 1.0f : 0.0f;
-        if (m_fresh)
+        if (jump)
             band.wet = wetTarget, band.dry = dryTarget;
         const Ramp wet{band.wet, settle(band.wet, wetTarget, pole, frames)};
         const Ramp dry{band.dry, settle(band.dry, dryTarget, pole, frames)};
@@ -397,7 +415,8 @@ void QVDMultiBandCompressor::render(const QVDBlock& block) noexcept
         const bool needDry = dry.from != 0.0f || dry.to != 0.0f;
         if (needDry)
             for (std::int32_t c = 0; c < channels; ++c)
-                std::memcpy(m_dryBuf[static_cast<std::size_t>(c)], buf[c], static_cast<std::size_t>(frames) * sizeof(float));
+                std::memcpy(m_dryBuf[static_cast<std::size_t>(c)], buf[c],
+                            static_cast<std::size_t>(frames) * sizeof(float));
 
         // The detector runs even when the band is not heard, so it is ready
         // the moment bypass or solo let the band through again.
@@ -426,9 +445,8 @@ void QVDMultiBandCompressor::render(const QVDBlock& block) noexcept
     }
 
     const Ramp last{output.from * fade.from, output.to * fade.to};
-    if (!(last.steady() && last.to == 1.0f))
-        for (std::int32_t c = 0; c < channels; ++c)
-            scaleRamp(block.outputs[c], last.from, last.to, frames);
+    for (std::int32_t c = 0; c < channels; ++c)
+        scaleRamp(block.outputs[c], last.from, last.to, frames);
 
     if (change && m_fade == 0.0f) {
         switchStructure();

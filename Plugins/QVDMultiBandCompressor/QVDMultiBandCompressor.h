@@ -52,6 +52,9 @@ public:
     QVDMultiBandCompressor(const QVDPluginDescriptor* descriptor, void* hostContext, qvd::HostServices* services);
     ~QVDMultiBandCompressor() override;
 
+    // "4.0:1", "2.50 kHz", "4 bands"; the rest as the base writes them.
+    QString valueText(std::int32_t index, float value) const override;
+
 protected:
     void parameterChanged(std::uint32_t index, float value) override;
     void render(const QVDBlock& block) noexcept override;
@@ -67,7 +70,6 @@ private:
         // Audio thread: the weights of the compressed and the untouched band
         // in the output, where the last block left them.
         float wet = 1.0f, dry = 0.0f;
-        float rmsMs = 0.0f; // detector window in force
     };
     // Ramp of one gain across a block: the one-pole's value after `frames`.
     struct Ramp {
@@ -77,6 +79,8 @@ private:
 
     void applyBandSettings(int band, double rate) noexcept;
     void updateCrossover(bool jump) noexcept;
+    // Each crossover kept a third of an octave above the one below and
+    // inside 20 Hz .. min(20 kHz, 0.45 rate).
     void targetFrequencies(int splits, double rate, double* hz) const noexcept;
     float rmsWindowMs(int band, const double* hz) const noexcept;
     void renderCrossover(const QVDBlock& block, const Ramp& input) noexcept;
@@ -93,7 +97,8 @@ private:
 
     // Audio thread.
     Crossover m_crossover;
-    std::array<double, kMaxBands - 1> m_glideHz{}; // frequencies in force
+    std::array<double, kMaxBands - 1> m_glideHz{};  // frequencies in force
+    std::array<double, kMaxBands - 1> m_targetHz{}; // where they glide to, set once a block
     bool m_fresh = true;
     bool m_linkedInForce = true;
     float m_inGain = 1.0f, m_outGain = 1.0f;
