@@ -54,27 +54,29 @@ struct Lanes<Pair> {
     }
 };
 
-// One second-order section in the direct form of BiQuad::run, coefficients
-// splatted to the lane type.
+// One second-order section, transposed direct form II: its states stay near
+// the signal's size, where direct form II holds the input over the pole
+// polynomial (thousands of times the signal in a low all-pass), so a gliding
+// crossover moves its coefficients without ringing. States map to
+// BiQuadState as w1 = s1, w2 = s2.
 template <class T>
 struct Section {
-    T gain, den1, den2, num1, num2;
-    T w1, w2;
+    T b0, b1, b2, den1, den2;
+    T s1, s2;
 
     void set(const BiQuadCoefficients& c)
     {
-        gain = T{} + c.gain;
+        b0 = T{} + c.gain;
+        b1 = T{} + c.gain * c.num1;
+        b2 = T{} + c.gain * c.num2;
         den1 = T{} + c.den1;
         den2 = T{} + c.den2;
-        num1 = T{} + c.num1;
-        num2 = T{} + c.num2;
     }
     T step(T x)
     {
-        const T w = gain * x + den2 * w2 + den1 * w1;
-        const T y = w + num2 * w2 + num1 * w1;
-        w2 = w1;
-        w1 = w;
+        const T y = b0 * x + s1;
+        s1 = b1 * x + den1 * y + s2;
+        s2 = b2 * x + den2 * y;
         return y;
     }
 };
@@ -86,13 +88,13 @@ void runSplit(const Crossover::Split& split, BiQuadState* const* low, BiQuadStat
     Section<T> lp[2 * Sections], ap[Sections];
     for (int s = 0; s < 2 * Sections; ++s) {
         lp[s].set(split.lowPass[static_cast<std::size_t>(s / 2)]);
-        lp[s].w1 = Lanes<T>::state(low, static_cast<std::size_t>(s), false);
-        lp[s].w2 = Lanes<T>::state(low, static_cast<std::size_t>(s), true);
+        lp[s].s1 = Lanes<T>::state(low, static_cast<std::size_t>(s), false);
+        lp[s].s2 = Lanes<T>::state(low, static_cast<std::size_t>(s), true);
     }
     for (int s = 0; s < Sections; ++s) {
         ap[s].set(split.allPass[static_cast<std::size_t>(s)]);
-        ap[s].w1 = Lanes<T>::state(allPass, static_cast<std::size_t>(s), false);
-        ap[s].w2 = Lanes<T>::state(allPass, static_cast<std::size_t>(s), true);
+        ap[s].s1 = Lanes<T>::state(allPass, static_cast<std::size_t>(s), false);
+        ap[s].s2 = Lanes<T>::state(allPass, static_cast<std::size_t>(s), true);
     }
     for (std::int32_t i = 0; i < frames; ++i) {
         const T x = Lanes<T>::load(in, i);
@@ -107,9 +109,9 @@ void runSplit(const Crossover::Split& split, BiQuadState* const* low, BiQuadStat
         Lanes<T>::store(rest, i, a - y);
     }
     for (int s = 0; s < 2 * Sections; ++s)
-        Lanes<T>::setState(low, static_cast<std::size_t>(s), lp[s].w1, lp[s].w2);
+        Lanes<T>::setState(low, static_cast<std::size_t>(s), lp[s].s1, lp[s].s2);
     for (int s = 0; s < Sections; ++s)
-        Lanes<T>::setState(allPass, static_cast<std::size_t>(s), ap[s].w1, ap[s].w2);
+        Lanes<T>::setState(allPass, static_cast<std::size_t>(s), ap[s].s1, ap[s].s2);
 }
 
 // `Count` all-pass sections in series, in place; `coefs[k]` and `states[k]` per section.
@@ -120,8 +122,8 @@ void runAllPasses(const BiQuadCoefficients* const* coefs, BiQuadState* (*states)
     Section<T> ap[Count];
     for (int s = 0; s < Count; ++s) {
         ap[s].set(*coefs[s]);
-        ap[s].w1 = Lanes<T>::state(states[s], 0, false);
-        ap[s].w2 = Lanes<T>::state(states[s], 0, true);
+        ap[s].s1 = Lanes<T>::state(states[s], 0, false);
+        ap[s].s2 = Lanes<T>::state(states[s], 0, true);
     }
     for (std::int32_t i = 0; i < frames; ++i) {
         T a = Lanes<T>::load(io, i);
@@ -131,7 +133,7 @@ void runAllPasses(const BiQuadCoefficients* const* coefs, BiQuadState* (*states)
         Lanes<T>::store(io, i, a);
     }
     for (int s = 0; s < Count; ++s)
-        Lanes<T>::setState(states[s], 0, ap[s].w1, ap[s].w2);
+        Lanes<T>::setState(states[s], 0, ap[s].s1, ap[s].s2);
 }
 
 template <class T>

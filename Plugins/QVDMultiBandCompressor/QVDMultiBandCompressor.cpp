@@ -31,6 +31,15 @@ SmoothingCoefficient& glide()
 }
 [[maybe_unused]] SmoothingCoefficient& g_glide = glide();
 
+// Crossovers sweep slower (about 65 ms halfway): a filter whose coefficients
+// move fast rings, and a split sweeping across a tone shifts its phase.
+SmoothingCoefficient& sweep()
+{
+    static SmoothingCoefficient record(400);
+    return record;
+}
+[[maybe_unused]] SmoothingCoefficient& g_sweep = sweep();
+
 float linear(float db)
 {
     return static_cast<float>(std::pow(10.0, static_cast<double>(db) / 20.0));
@@ -249,10 +258,10 @@ void QVDMultiBandCompressor::applyBandSettings(int b, double rate) noexcept
     targetFrequencies(kMaxBands - 1, rate, hz);
     const float values[][2] = {
         {RmsCompressor::RMS_SPEED, rmsWindowMs(b, hz)},
-        {RmsCompressor::THRES, band.thresholdDb.load(relaxed)},
-        {RmsCompressor::RATIO, band.ratio.load(relaxed)},
+        {RmsCompressor::THRES, band.thresholdNow},
+        {RmsCompressor::RATIO, band.ratioNow},
         // The block's knee reaches this far either side of the threshold.
-        {RmsCompressor::KNEE, 0.5f * band.kneeDb.load(relaxed)},
+        {RmsCompressor::KNEE, 0.5f * band.kneeNow},
         {RmsCompressor::ATTACK, band.attackMs.load(relaxed)},
         {RmsCompressor::RELEASE, band.releaseMs.load(relaxed)},
         // Make-up is ours, so it can glide.
@@ -268,6 +277,58 @@ void QVDMultiBandCompressor::applyBandSettings(int b, double rate) noexcept
         apply(*c);
 }
 
+void QVDMultiBandCompressor::applyCurve(int b, bool linked, std::int32_t channels) noexcept
+{
+    const Band& band = m_band[static_cast<std::size_t>(b)];
+    const auto apply = [&](RmsCompressor& comp) {
+        comp.setParameter(RmsCompressor::THRES, band.thresholdNow);
+        comp.setParameter(RmsCompressor::RATIO, band.ratioNow);
+        comp.setParameter(RmsCompressor::KNEE, 0.5f * band.kneeNow);
+    };
+    if (linked)
+        apply(*m_linkedComp[static_cast<std::size_t>(b)]);
+    else
+        for (std::int32_t c = 0; c < channels; ++c)
+            apply(*m_channelComp[static_cast<std::size_t>(b)][static_cast<std::size_t>(c)]);
+}
+
+bool QVDMultiBandCompressor::glideCurve(Band& band, double pole) noexcept
+{
+    constexpr auto relaxed = std::memory_order_relaxed;
+    const auto step = [pole](float& now, float target, float close) {
+        const double next = target + pole * (static_cast<double>(now) - target);
+        now = std::fabs(next - target) < close ? target : static_cast<float>(next);
+    };
+    const float threshold = band.thresholdDb.load(relaxed), ratio = band.ratio.load(relaxed);
+    const float knee = band.kneeDb.load(relaxed);
+    if (band.thresholdNow == threshold && band.ratioNow == ratio && band.kneeNow == knee)
+        return false;
+    step(band.thresholdNow, threshold, 0.01f);
+    step(band.ratioNow, ratio, 0.001f);
+    step(band.kneeNow, knee, 0.01f);
+    return true;
+}
+
+void QVDMultiBandCompressor::compress(int b, bool linked, std::int32_t channels, std::int32_t start,
+                                      std::int32_t frames) noexcept
+{
+    const auto n = static_cast<std::uint32_t>(frames);
+    float* const* buf = m_bandBuf[static_cast<std::size_t>(b)].data();
+    if (linked) {
+        float* at[kMaxChannels];
+        for (std::int32_t c = 0; c < channels; ++c)
+            at[c] = buf[c] + start;
+        RmsCompressor& comp = *m_linkedComp[static_cast<std::size_t>(b)];
+        comp.setChannelCount(channels);
+        comp.processChannels(at, n);
+    } else {
+        for (std::int32_t c = 0; c < channels; ++c) {
+            float* at = buf[c] + start;
+            m_channelComp[static_cast<std::size_t>(b)][static_cast<std::size_t>(c)]->processChannels(&at, n);
+        }
+    }
+}
+
 void QVDMultiBandCompressor::updateCrossover(bool jump) noexcept
 {
     const double rate = sampleRate();
@@ -275,7 +336,7 @@ void QVDMultiBandCompressor::updateCrossover(bool jump) noexcept
     const double* target = m_targetHz.data();
     if (jump)
         targetFrequencies(splits, rate, m_targetHz.data());
-    const double pole = jump ? 0.0 : std::pow(glide().a(), kGlideChunk);
+    const double pole = jump ? 0.0 : std::pow(sweep().a(), kGlideChunk);
     for (int k = 0; k < splits; ++k) {
         double& f = m_glideHz[static_cast<std::size_t>(k)];
         if (f == target[k])
@@ -334,12 +395,14 @@ void QVDMultiBandCompressor::render(const QVDBlock& block) noexcept
     const SmoothingCoefficient& smoothing = glide();
     const double pole = smoothing.a();
 
-    const std::uint32_t dirty = m_dirty.exchange(0, std::memory_order_acquire);
+    const bool linked = m_linked.load(relaxed);
+    std::uint32_t dirty = m_dirty.exchange(0, std::memory_order_acquire);
+    if (linked != m_linkedInForce)
+        dirty = ~0u; // the other detection's compressors may hold an older curve
     for (int b = 0; b < kMaxBands; ++b)
         if (dirty & ((1u << b) | (1u << kMaxBands)))
             applyBandSettings(b, rate);
 
-    const bool linked = m_linked.load(relaxed);
     if (linked != m_linkedInForce) {
         // The other detector has not been listening: it starts from rest.
         for (int b = 0; b < kMaxBands; ++b) {
@@ -398,6 +461,7 @@ void QVDMultiBandCompressor::render(const QVDBlock& block) noexcept
     renderCrossover(block, input);
 
     float reduction[kMaxBands] = {};
+    const double chunkPole = std::pow(pole, kGlideChunk);
     for (int b = 0; b < bands; ++b) {
         Band& band = m_band[static_cast<std::size_t>(b)];
         const bool heard = !anySolo || band.solo.load(relaxed);
@@ -420,17 +484,24 @@ void QVDMultiBandCompressor::render(const QVDBlock& block) noexcept
 
         // The detector runs even when the band is not heard, so it is ready
         // the moment bypass or solo let the band through again.
-        if (linked) {
-            RmsCompressor& comp = *m_linkedComp[static_cast<std::size_t>(b)];
-            comp.setChannelCount(channels);
-            comp.processChannels(buf, static_cast<std::uint32_t>(frames));
-            reduction[b] = comp.readOut(RmsCompressor::kGainReduction);
-        } else {
-            for (std::int32_t c = 0; c < channels; ++c) {
-                RmsCompressor& comp = *m_channelComp[static_cast<std::size_t>(b)][static_cast<std::size_t>(c)];
-                comp.processChannels(&buf[c], static_cast<std::uint32_t>(frames));
-                reduction[b] = std::max(reduction[b], comp.readOut(RmsCompressor::kGainReduction));
+        if (glideCurve(band, jump ? 0.0 : chunkPole)) {
+            // In glide steps, the curve moved before each.
+            for (std::int32_t start = 0; start < frames; start += kGlideChunk) {
+                if (start > 0)
+                    glideCurve(band, chunkPole);
+                applyCurve(b, linked, channels);
+                compress(b, linked, channels, start, std::min(kGlideChunk, frames - start));
             }
+        } else {
+            compress(b, linked, channels, 0, frames);
+        }
+        if (linked) {
+            reduction[b] = m_linkedComp[static_cast<std::size_t>(b)]->readOut(RmsCompressor::kGainReduction);
+        } else {
+            for (std::int32_t c = 0; c < channels; ++c)
+                reduction[b] = std::max(reduction[b],
+                                        m_channelComp[static_cast<std::size_t>(b)][static_cast<std::size_t>(c)]->readOut(
+                                            RmsCompressor::kGainReduction));
         }
 
         for (std::int32_t c = 0; c < channels; ++c) {

@@ -70,6 +70,9 @@ private:
         // Audio thread: the weights of the compressed and the untouched band
         // in the output, where the last block left them.
         float wet = 1.0f, dry = 0.0f;
+        // The static curve in force; it glides to the settings, since a
+        // threshold that jumps while compressing steps the gain.
+        float thresholdNow = -20.0f, ratioNow = 2.0f, kneeNow = 6.0f;
     };
     // Ramp of one gain across a block: the one-pole's value after `frames`.
     struct Ramp {
@@ -78,6 +81,11 @@ private:
     };
 
     void applyBandSettings(int band, double rate) noexcept;
+    // The band's curve in force to the compressors of the detection in use.
+    void applyCurve(int band, bool linked, std::int32_t channels) noexcept;
+    // Moves the band's curve towards its settings by `pole`; false when it is there.
+    bool glideCurve(Band& band, double pole) noexcept;
+    void compress(int band, bool linked, std::int32_t channels, std::int32_t start, std::int32_t frames) noexcept;
     void updateCrossover(bool jump) noexcept;
     // Each crossover kept a third of an octave above the one below and
     // inside 20 Hz .. min(20 kHz, 0.45 rate).
