@@ -13,7 +13,9 @@
 // all-pass instead; every band then leaves with the phase of the whole cascade
 // and the sum of all bands is the product of the splits' all-passes.
 //
-// Filter states are double precision. Channels run in pairs, two lanes of one
+// Sections run in transposed direct form II, whose states stay near the
+// signal's size, so coefficients may glide while audio runs. Filter states
+// are double precision. Channels run in pairs, two lanes of one
 // vector, so the recursions of a stereo pair cost one channel's latency.
 // States that decayed below 1e-30 are cleared at the end of each block rather
 // than flushed every sample, and band samples that small leave as 0.

@@ -4,11 +4,15 @@
 // compressor (threshold, ratio, attack, release, soft knee), make-up, bypass
 // and solo. Detection is linked across channels or per channel. No latency.
 //
+// The detector of each band is RMS over two periods of its lower edge (5 to
+// 30 ms), so a low band's level does not ripple with its own waveform.
+//
 // Settings reach the compressors on the audio thread at the start of a block
-// (a few trigonometric calls, no allocation). Crossover frequencies glide in
-// steps of kGlideChunk frames; band gains, bypass and solo ramp across each
-// block; a change of band count or slope fades the output out and back in
-// around the switch, since the phase of the whole changes with it.
+// (a few trigonometric calls, no allocation). Crossover frequencies and each
+// band's threshold, ratio and knee glide in steps of 32 frames; band gains,
+// bypass and solo ramp across each block; a change of band count or slope
+// fades the output out and back in around the switch, since the phase of the
+// whole changes with it. Without host smoothing every setting holds at once.
 
 #include <array>
 #include <atomic>
