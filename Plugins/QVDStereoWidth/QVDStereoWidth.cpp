@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <Algorithms/BiQuad.h>
+#include <Algorithms/Crossover.h>
 #include <SmoothingCoefficient.h>
 
 QVD_REGISTER_AUDIO_PLUGIN(QVDStereoWidth)
@@ -87,8 +88,7 @@ void QVDStereoWidth::bassMono(float* left, float* right, std::int32_t frames) no
         // Butterworth sections squared make a Linkwitz-Riley pair whose sum is
         // the all-pass with the low pass's poles.
         m_lowPass = BiQuad::design(BiQuad::kLowPass, sampleRate(), hz, std::sqrt(0.5), 1.0);
-        const BiQuadCoefficients& p = m_lowPass;
-        m_allPass = {.den2 = p.den2, .den1 = p.den1, .num2 = -1.0 / p.den2, .num1 = p.den1 / p.den2, .gain = -p.den2};
+        m_allPass = Crossover::allPassOf(m_lowPass);
         m_designedHz = hz;
     }
     // Low(M) + High(L) = AllPass(L) - Low(S) by linearity, with S = (L - R)/2:
