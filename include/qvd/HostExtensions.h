@@ -24,7 +24,9 @@
 //   key, without any other change of behaviour.
 // A plugin's registry flags are passed on unchanged and do not mark the
 // plugins that take a side-chain: a host offers its sources to every
-// instance and serves those that ask.
+// instance and serves those that ask. A host that must know beforehand (to
+// lay out ports, as the LV2 generator does) runs one silent block of a
+// fresh instance under extensions that note what is asked and supply nothing.
 
 #include <cstdint>
 
