@@ -142,6 +142,23 @@ TEST_F(SideChainCli, SideChainDucksTheMainSignal)
     EXPECT_NEAR(gainAt(out, 0.8), gainAt(Planar{out[1]}, 0.8), 1e-6) << "a mono key ducks both channels";
 }
 
+TEST_F(SideChainCli, ASourceReadsAsSilenceAfterItsEnd)
+{
+    // A stereo key at full level that simply stops, 0.3 s in.
+    Planar key(2, std::vector<float>(static_cast<std::size_t>(0.3 * kRate)));
+    for (std::size_t n = 0; n < key[0].size(); ++n)
+        key[0][n] = key[1][n] = static_cast<float>(0.3 * std::sin(2 * M_PI * 200.0 * n / kRate));
+    writeWav(path("short.wav"), key);
+    const Result r = qvdfx("process " + path("main.wav") + " " + path("out.wav") +
+                           " -p Ducker --set ATTACK=5 --set HOLD=50 --set RELEASE=100 --sidechain " + path("short.wav") +
+                           " --quiet");
+    ASSERT_EQ(r.status, 0) << r.output;
+    const Planar out = readWav(path("out.wav"));
+    EXPECT_NEAR(gainAt(out, 0.2), -12.0, 0.5) << "while the key lasts";
+    EXPECT_NEAR(gainAt(out, 0.3 + 0.05 + 0.05), -6.0, 1.0) << "half-way through the release after its end";
+    EXPECT_NEAR(gainAt(out, 0.6), 0.0, 1e-6) << "released once the file has ended";
+}
+
 TEST_F(SideChainCli, KeyIsAlignedWithWhatEachPluginHears)
 {
     // The first Ducker's 10 ms look-ahead delays the main signal for the
