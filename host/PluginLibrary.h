@@ -6,6 +6,8 @@
 
 #include <qvd/qvd.h>
 
+#include "SourceFeed.h"
+
 namespace qvdfx {
 
 class PluginLibrary {
@@ -45,7 +47,7 @@ public:
 
 // What qvdfx offers plugins beyond the host services: a fixed tempo and time
 // signature for the whole file (--tempo), so synced delays and LFOs follow
-// it; no host-supplied audio yet.
+// it, and the sources of --sidechain and --source (see SourceFeed).
 class HostExtensions final : public qvd::HostExtensions {
 public:
     void setTempo(double beatsPerMinute, std::int32_t numerator, std::int32_t denominator)
@@ -64,15 +66,18 @@ public:
         *denominator = m_denominator;
         return true;
     }
-    bool fetchAudio(std::uint64_t, const char*, std::int64_t, float* const*, std::int32_t, std::int32_t) override
+    void setSources(const SourceFeed* sources) { m_sources = sources; }
+    bool fetchAudio(std::uint64_t instanceId, const char* source, std::int64_t position, float* const* channels,
+                    std::int32_t channelCount, std::int32_t frames) override
     {
-        return false;
+        return m_sources && m_sources->fetch(instanceId, source, position, channels, channelCount, frames);
     }
 
 private:
     double m_bpm = 0.0;
     std::int32_t m_numerator = 4;
     std::int32_t m_denominator = 4;
+    const SourceFeed* m_sources = nullptr;
 };
 
 } // namespace qvdfx

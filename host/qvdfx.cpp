@@ -51,6 +51,7 @@ const char* kHelp =
     "          [--block N] [--smoothing on|off] [--bypass] [--meters FILE.json]\n"
     "          [--tail SECONDS] [--format float|pcm16|pcm24] [--tempo BPM[/N/D]] [--force] [--quiet]\n"
     "          [--meters-every MS]\n"
+    "          [--sidechain FILE] [--source NAME=FILE ...]\n"
     "      runs IN through the chain block by block and writes OUT at IN's rate\n"
     "      and channel count, latency-compensated: OUT lines up with IN sample for\n"
     "      sample and is as long (plus --tail). NAME is a full identifier\n"
@@ -68,6 +69,13 @@ const char* kHelp =
     "      as {time_s, readouts} samples, streamed to the file as they are taken.\n"
     "      --tempo gives plugins that sync to note values a tempo (and a time\n"
     "      signature, 4/4 unless given as 96/3/4) for the whole file.\n"
+    "      --sidechain FILE is the side-chain of every plugin that asks for one\n"
+    "      (a ducker's key); --source NAME=FILE supplies any named source\n"
+    "      (sidechain, monitor, stem:vocals). Sources are read whole before\n"
+    "      processing, must have IN's rate, line up with the audio each plugin\n"
+    "      sees (the latency of the plugins before it is compensated), read as\n"
+    "      silence past their end, and repeat their last channel when a plugin\n"
+    "      asks for more channels than they have.\n"
     "  measure FILE [--json] [--quiet]\n"
     "      the loudness of FILE as the Loudness Meter plugin measures it (BS.1770\n"
     "      K-weighting and gating, 100 ms steps): integrated loudness (LUFS) and its\n"
@@ -108,12 +116,13 @@ const char* kHelp =
     "      20 kHz, computed from the plugin's own filters (an equaliser); as a\n"
     "      table, JSON or a PNG plot\n"
     "  bench [PLUGIN ...] [--set NAME=VALUE ...] [--rate R] [--channels C] [--block N]\n"
-    "        [--seconds S] [--json]\n"
+    "        [--seconds S] [--sidechain FILE] [--json]\n"
     "      per plugin at default settings (or those --set gives every plugin\n"
     "      named): the median over 5 runs of nanoseconds\n"
     "      per frame, the real-time factor (audio seconds per CPU second) and the\n"
     "      99th-percentile time of one block, on generated audio.\n"
-    "      Defaults: every plugin, 48000 Hz, 2 channels, 512, 2 s.\n"
+    "      Defaults: every plugin, 48000 Hz, 2 channels, 512, 2 s. --sidechain\n"
+    "      feeds plugins that ask the side-chain from FILE (at --rate).\n"
     "\n"
     "options:\n"
     "  --library PATH   load the plugin library from PATH\n"
@@ -344,9 +353,16 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
     double metersEvery = 0.0;
     SampleFormat format = SampleFormat::Float;
     static HostExtensions extensions;
+    static SourceFeed sources;
     while (!args.done()) {
         const std::string a = args.take();
-        if (a == "--tempo") {
+        if (a == "--sidechain" || a == "--source") {
+            const auto [name, path] = a == "--sidechain" ? std::pair<std::string, std::string>(qvd::kSourceSideChain, args.value(a))
+                                                         : SourceFeed::parseSpec(args.value(a));
+            sources.add(name, path);
+            extensions.setSources(&sources);
+            registry.setHostExtensions(&extensions);
+        } else if (a == "--tempo") {
             // BPM, or BPM/N/D with a time signature: 96/3/4.
             const std::string text = args.value(a);
             const auto slash = text.find('/');
@@ -403,13 +419,20 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
         fail(kExitUsage, "process: --meters-every needs --meters FILE.json to write the series to");
     const std::string& inPath = files[0];
     const std::string& outPath = files[1];
-    checkDistinct({{"input", inPath, false}, {"output", outPath, true}, {"--meters", metersPath, true}});
+    std::vector<PathUse> uses{{"input", inPath, false}, {"output", outPath, true}, {"--meters", metersPath, true}};
+    for (const auto& [role, path] : sources.paths())
+        uses.push_back({role, path, false});
+    checkDistinct(uses);
 
     AudioReader reader(inPath);
     const int channels = reader.channels();
     const int rate = reader.rate();
+    sources.load(rate);
     PluginChain chain(registry, steps, force);
     chain.prepare(rate, channels, blockSize, smoothing, bypass);
+    // Each plugin hears its sources as late as the steps before it delay the input.
+    for (std::size_t i = 0, ahead = 0; i < chain.size(); ahead += chain.plugin(i).getLatency(), ++i)
+        sources.setOffset(chain.plugin(i).instanceId(), static_cast<std::int64_t>(ahead));
 
     const auto latency = static_cast<std::int64_t>(chain.latency());
     const auto tailFrames = static_cast<std::int64_t>(std::llround(tail * rate));
@@ -666,6 +689,7 @@ int commandBench(qvd::PluginInterface& registry, Arguments args)
     int channels = 2, blockSize = 512, rate = 48000;
     double seconds = 2.0;
     bool json = false;
+    std::string keyPath;
     while (!args.done()) {
         const std::string a = args.take();
         if (a == "--rate")
@@ -678,6 +702,8 @@ int commandBench(qvd::PluginInterface& registry, Arguments args)
             seconds = parseReal(args.value(a), 0.01, 3600.0, "--seconds");
         else if (a == "--json")
             json = true;
+        else if (a == "--sidechain")
+            keyPath = args.value(a);
         else if (a == "--set") {
             const std::string setting = args.value(a);
             const auto eq = setting.find('=');
@@ -688,6 +714,15 @@ int commandBench(qvd::PluginInterface& registry, Arguments args)
             names.push_back(a);
         else
             args.unexpected(a);
+    }
+    const bool keyed = !keyPath.empty();
+    if (keyed) {
+        static SourceFeed sources;
+        static HostExtensions extensions;
+        sources.add(qvd::kSourceSideChain, keyPath);
+        sources.load(rate);
+        extensions.setSources(&sources);
+        registry.setHostExtensions(&extensions);
     }
     std::vector<std::string> keys;
     if (names.empty()) {
@@ -741,6 +776,8 @@ int commandBench(qvd::PluginInterface& registry, Arguments args)
                 const std::size_t offset = static_cast<std::size_t>(b * blockSize) % span;
                 for (int c = 0; c < ch; ++c)
                     in[static_cast<std::size_t>(c)] = input.planar[static_cast<std::size_t>(c)].data() + offset;
+                if (keyed) // the --sidechain is read where the input is
+                    block.position = static_cast<std::int64_t>(offset);
                 const auto t0 = std::chrono::steady_clock::now();
                 plugin.audio()->process(&block, in.data(), output.pointers.data(), blockSize);
                 blockTimes.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <set>
 
 namespace qvd::lv2 {
@@ -98,6 +99,21 @@ struct InstanceHandle {
     }
 };
 
+// Notes which sources a plugin asks for; supplies none.
+class SourceProbe final : public qvd::HostExtensions {
+public:
+    std::int32_t sideChain = 0;
+    std::int32_t extensionsVersion() const override { return qvd::kHostExtensionsVersion; }
+    bool tempoAt(std::int64_t, double*, std::int32_t*, std::int32_t*) override { return false; }
+    bool fetchAudio(std::uint64_t, const char* source, std::int64_t, float* const*, std::int32_t channelCount,
+                    std::int32_t) override
+    {
+        if (source && std::strcmp(source, qvd::kSourceSideChain) == 0)
+            sideChain = std::max(sideChain, channelCount);
+        return false;
+    }
+};
+
 void addAudioPorts(Variant& v, std::set<std::string>& used)
 {
     const Layout& l = *v.layout;
@@ -111,9 +127,37 @@ void addAudioPorts(Variant& v, std::set<std::string>& used)
     };
     add(PortRole::AudioIn, "in_", "In", v.inputs);
     add(PortRole::AudioOut, "out_", "Out", v.outputs);
+    add(PortRole::SideChainIn, "sc_", "Side-chain", v.sideChains);
 }
 
 } // namespace
+
+std::int32_t sideChainChannels(qvd::PluginInterface& registry, const std::string& key)
+{
+    SourceProbe probe;
+    registry.setHostExtensions(&probe);
+    InstanceHandle instance{registry.createPlugin(qvd::kAudioPlugin, key.c_str())};
+    registry.setHostExtensions(nullptr);
+    AudioPlugin* audio = qvd::audioInterfaceOf(instance.p);
+    constexpr std::int32_t kFrames = 64;
+    const qvd::PrepareConfig config{qvd::kFormatKeep, qvd::kFormatKeep, 0, 1};
+    if (!audio || !audio->prepare(48000.0f, kFrames, &config))
+        return 0;
+    const auto ins = static_cast<std::size_t>(std::max(audio->inputChannelCount(), 0));
+    const auto outs = static_cast<std::size_t>(std::max(audio->outputChannelCount(), 0));
+    std::vector<std::vector<float>> buffers(ins + outs, std::vector<float>(kFrames, 0.0f));
+    std::vector<const float*> in(ins);
+    std::vector<float*> out(outs);
+    for (std::size_t c = 0; c < ins; ++c)
+        in[c] = buffers[c].data();
+    for (std::size_t c = 0; c < outs; ++c)
+        out[c] = buffers[ins + c].data();
+    qvd::BlockRecord block{};
+    block.mode = qvd::kModePlaying;
+    block.position = 0;
+    audio->process(&block, in.data(), out.data(), kFrames);
+    return probe.sideChain;
+}
 
 std::vector<Variant> buildCatalog(qvd::PluginInterface& registry, std::vector<std::string>* skipped)
 {
@@ -132,6 +176,7 @@ std::vector<Variant> buildCatalog(qvd::PluginInterface& registry, std::vector<st
             if (instance.p->parameterInfo(i, &p))
                 parameters.push_back(std::move(p));
         }
+        const std::int32_t sideChain = sideChainChannels(registry, key);
         const std::size_t before = catalog.size();
         for (const Layout& layout : layouts()) {
             if (info.channels < layout.minimumChannels)
@@ -145,6 +190,8 @@ std::vector<Variant> buildCatalog(qvd::PluginInterface& registry, std::vector<st
                 v.outputs = layout.channels();
             else
                 continue;
+            if (v.inputs > 0)
+                v.sideChains = std::min(sideChain, layout.channels());
             v.key = key;
             v.name = info.name + " (" + layout.label + ")";
             v.uri = pluginUri(key, layout);

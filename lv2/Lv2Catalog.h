@@ -29,9 +29,9 @@ struct Layout {
 const std::vector<Layout>& layouts();
 
 // Each role is one section of the port list and one case in the Turtle
-// writer and the wrapper: host side-chain inputs (audio, lv2:isSideChain)
-// join the same way once a plugin asks for one.
-enum class PortRole { AudioIn, AudioOut, Parameter, Enabled, Latency, Meter, Readout };
+// writer and the wrapper. SideChainIn: audio inputs marked lv2:isSideChain
+// that feed a plugin's host-supplied "sidechain" source.
+enum class PortRole { AudioIn, AudioOut, Parameter, Enabled, Latency, Meter, Readout, SideChainIn };
 
 struct Port {
     PortRole role;
@@ -50,6 +50,7 @@ struct Variant {
     const Layout* layout = nullptr;
     std::int32_t inputs = 0; // 0 for generators
     std::int32_t outputs = 0;
+    std::int32_t sideChains = 0; // side-chain inputs, up to the layout's channels
     bool hasEditor = false;
     std::vector<Port> ports;
 };
@@ -58,6 +59,12 @@ struct Variant {
 // order. A plugin that cannot be created or accepts no layout is left out and
 // named in `skipped`.
 std::vector<Variant> buildCatalog(qvd::PluginInterface& registry, std::vector<std::string>* skipped = nullptr);
+
+// Channels of the "sidechain" source a plugin asks for, 0 when it asks for
+// none. A plugin declares a side-chain by asking for it: this runs one
+// silent block under a host that notes what is asked and supplies nothing,
+// and leaves the registry without host extensions.
+std::int32_t sideChainChannels(qvd::PluginInterface& registry, const std::string& key);
 
 // "Tarnwick EQ:1364608369" -> "tarnwick-eq-1364608369".
 std::string keySlug(const std::string& key);

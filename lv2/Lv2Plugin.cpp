@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include <lv2/atom/atom.h>
@@ -84,7 +85,18 @@ LV2_Handle instantiate(const LV2_Descriptor* descriptor, double rate, const char
     if (found == c.descriptors.end())
         return nullptr;
     const Variant& v = c.variants[static_cast<std::size_t>(found - c.descriptors.begin())];
-    qvd::PluginInstance* instance = c.registry->createPlugin(qvd::kAudioPlugin, v.key.c_str());
+    auto self = std::make_unique<Lv2Plugin>();
+    // An instance takes the registry's extensions at creation: its own ports'
+    // side-chain, installed just for its creation.
+    qvd::PluginInstance* instance = nullptr;
+    {
+        static std::mutex creating;
+        const std::lock_guard<std::mutex> lock(creating);
+        if (v.sideChains > 0)
+            c.registry->setHostExtensions(&self->host);
+        instance = c.registry->createPlugin(qvd::kAudioPlugin, v.key.c_str());
+        c.registry->setHostExtensions(nullptr);
+    }
     AudioPlugin* audio = qvd::audioInterfaceOf(instance);
     const std::int32_t inFormat = v.inputs ? v.layout->format : qvd::kFormatNone;
     if (!audio || !audio->setChannelFormats(inFormat, v.layout->format)) {
@@ -94,7 +106,6 @@ LV2_Handle instantiate(const LV2_Descriptor* descriptor, double rate, const char
         return nullptr;
     }
 
-    auto self = std::make_unique<Lv2Plugin>();
     self->plugin = instance;
     self->audio = audio;
     self->variant = &v;
@@ -107,6 +118,7 @@ LV2_Handle instantiate(const LV2_Descriptor* descriptor, double rate, const char
         self->atomFloat = self->map->map(self->map->handle, LV2_ATOM__Float);
     self->inputs.assign(static_cast<std::size_t>(v.inputs), nullptr);
     self->outputs.assign(static_cast<std::size_t>(v.outputs), nullptr);
+    self->sideChains.assign(static_cast<std::size_t>(v.sideChains), nullptr);
     std::int32_t widestGroup = 0;
     for (const Port& port : v.ports) {
         std::int32_t slot = port.channel;
@@ -148,6 +160,7 @@ void connectPort(LV2_Handle handle, uint32_t port, void* data)
     case PortRole::Latency: self->latency = static_cast<float*>(data); break;
     case PortRole::Meter: self->meters[slot].port = static_cast<float*>(data); break;
     case PortRole::Readout: self->readouts[slot].port = static_cast<float*>(data); break;
+    case PortRole::SideChainIn: self->sideChains[slot] = static_cast<const float*>(data); break;
     }
 }
 
@@ -277,6 +290,8 @@ void run(LV2_Handle handle, uint32_t sampleCount)
             if (out)
                 std::memset(out, 0, static_cast<std::size_t>(frames) * sizeof(float));
     } else if (frames > 0) {
+        self.runStart = self.block.position;
+        self.runFrames = frames;
         if (crossAliased(self)) {
             processAside(self, frames);
         } else {
@@ -291,6 +306,30 @@ void run(LV2_Handle handle, uint32_t sampleCount)
 }
 
 void deactivate(LV2_Handle) {}
+
+} // namespace
+
+bool SideChainPorts::fetchAudio(std::uint64_t, const char* source, std::int64_t position, float* const* channels,
+                                std::int32_t channelCount, std::int32_t frames)
+{
+    const Lv2Plugin& self = m_owner;
+    if (!source || std::strcmp(source, qvd::kSourceSideChain) != 0 || self.sideChains.empty())
+        return false;
+    // Frames of the run in progress only; the pre-roll after a reset has no position.
+    const std::int64_t offset = position - self.runStart;
+    if (position < 0 || offset < 0 || offset + frames > self.runFrames)
+        return false;
+    for (const float* port : self.sideChains)
+        if (!port)
+            return false;
+    const auto last = self.sideChains.size() - 1;
+    for (std::int32_t c = 0; c < channelCount; ++c)
+        std::memcpy(channels[c], self.sideChains[std::min(static_cast<std::size_t>(c), last)] + offset,
+                    static_cast<std::size_t>(frames) * sizeof(float));
+    return true;
+}
+
+namespace {
 
 void cleanup(LV2_Handle handle)
 {

@@ -21,6 +21,22 @@ namespace qvd::lv2 {
 // one (lv2apply, for one); longer runs are processed in chunks of it.
 constexpr std::int32_t kDefaultBlockLength = 4096;
 
+struct Lv2Plugin;
+
+// The plugin's "sidechain" source, read from the side-chain ports of the run
+// in progress; not available while any of them is unconnected.
+class SideChainPorts final : public qvd::HostExtensions {
+public:
+    explicit SideChainPorts(const Lv2Plugin& owner) : m_owner(owner) {}
+    std::int32_t extensionsVersion() const override { return qvd::kHostExtensionsVersion; }
+    bool tempoAt(std::int64_t, double*, std::int32_t*, std::int32_t*) override { return false; }
+    bool fetchAudio(std::uint64_t instanceId, const char* source, std::int64_t position, float* const* channels,
+                    std::int32_t channelCount, std::int32_t frames) override;
+
+private:
+    const Lv2Plugin& m_owner;
+};
+
 struct Lv2Plugin {
     qvd::PluginInstance* plugin = nullptr;
     AudioPlugin* audio = nullptr;
@@ -33,6 +49,11 @@ struct Lv2Plugin {
     std::vector<const float*> inputs;
     std::vector<float*> outputs;
     std::vector<const float*> controls;
+    std::vector<const float*> sideChains;
+    // Timeline frame and length of the run in progress, for the side-chain.
+    std::int64_t runStart = 0;
+    std::int32_t runFrames = 0;
+    SideChainPorts host{*this};
     // Bits of each control port at the last run: only a change is applied,
     // so a restored state holds until the host moves the port. Atomic: a
     // state save may read it while run() writes it.

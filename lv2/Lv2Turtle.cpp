@@ -78,8 +78,10 @@ void writeParameterPort(std::string& out, const qvd::ParameterInfo& p)
 
 void writePort(std::string& out, const Variant& v, const Port& port, std::size_t index)
 {
-    const bool input = port.role == PortRole::AudioIn || port.role == PortRole::Parameter || port.role == PortRole::Enabled;
-    const bool audio = port.role == PortRole::AudioIn || port.role == PortRole::AudioOut;
+    const bool input = port.role == PortRole::AudioIn || port.role == PortRole::Parameter ||
+                       port.role == PortRole::Enabled || port.role == PortRole::SideChainIn;
+    const bool audio =
+        port.role == PortRole::AudioIn || port.role == PortRole::AudioOut || port.role == PortRole::SideChainIn;
     out += std::string(index ? " , " : "") + "[\n\t\ta lv2:" + (input ? "InputPort" : "OutputPort") + " , lv2:" +
            (audio ? "AudioPort" : "ControlPort") + " ;\n\t\tlv2:index " + std::to_string(index) +
            " ;\n\t\tlv2:symbol " + quoted(port.symbol) + " ;\n\t\tlv2:name " + quoted(port.name);
@@ -88,6 +90,10 @@ void writePort(std::string& out, const Variant& v, const Port& port, std::size_t
     case PortRole::AudioOut:
         out += " ;\n\t\tpg:group " + groupUri(v, input ? "in" : "out") + " ;\n\t\tlv2:designation pg:" +
                v.layout->designations[static_cast<std::size_t>(port.channel)];
+        break;
+    case PortRole::SideChainIn:
+        // Left unconnected, the plugin hears no key and passes its input.
+        out += " ;\n\t\tlv2:portProperty lv2:isSideChain , lv2:connectionOptional";
         break;
     case PortRole::Parameter:
         writeParameterPort(out, port.parameter);

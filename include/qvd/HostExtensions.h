@@ -8,6 +8,25 @@
 //
 // Versioning: operations are only appended; extensionsVersion() tells the
 // library how many a host implements (1: everything below).
+//
+// What a host offering audio must do, at version 1:
+// - answer fetchAudio on the audio thread without locking, allocating, file
+//   access or waiting: decode ahead (qvdfx decodes each source whole before
+//   processing) or read from a ring a worker fills;
+// - align: `position` is the timeline frame of the plugin's block; the host
+//   delays the source by the latency of everything that runs before the
+//   plugin, so source and main signal meet as the plugin hears them;
+// - fill every one of `channelCount` buffers, all `frames` frames: silence
+//   before the source starts and after it ends; with fewer source channels
+//   than asked the last repeats (a mono key serves a stereo plugin);
+// - say false for a source it does not have, or at an unknown position (-1):
+//   the plugin then treats the source as silence and reports that it has no
+//   key, without any other change of behaviour.
+// A plugin's registry flags are passed on unchanged and do not mark the
+// plugins that take a side-chain: a host offers its sources to every
+// instance and serves those that ask. A host that must know beforehand (to
+// lay out ports, as the LV2 generator does) runs one silent block of a
+// fresh instance under extensions that note what is asked and supply nothing.
 
 #include <cstdint>
 

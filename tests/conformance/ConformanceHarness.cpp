@@ -97,6 +97,44 @@ public:
     void debugLog(std::int32_t, const char*) override {}
 };
 
+// Extensions a full host offers: no tempo, and a side-chain for every
+// plugin that asks: noise bursts (2048 frames on, 2048 off) that depend only
+// on the timeline position and channel, so any block split reads the same
+// key. Frames [brokenFrom, brokenTo) of the key hold `broken` instead, for
+// the non-finite key checks. Real-time safe: arithmetic only.
+class Extensions final : public qvd::HostExtensions {
+public:
+    std::int64_t brokenFrom = 0, brokenTo = 0;
+    float broken = 0.0f;
+    std::atomic<std::uint64_t> keyFetches{0};
+
+    std::int32_t extensionsVersion() const override { return qvd::kHostExtensionsVersion; }
+    bool tempoAt(std::int64_t, double*, std::int32_t*, std::int32_t*) override { return false; }
+    bool fetchAudio(std::uint64_t, const char* source, std::int64_t position, float* const* channels,
+                    std::int32_t channelCount, std::int32_t frames) override
+    {
+        if (!source || std::strcmp(source, qvd::kSourceSideChain) != 0 || position < 0)
+            return false;
+        keyFetches.fetch_add(1, std::memory_order_relaxed);
+        for (std::int32_t c = 0; c < channelCount; ++c) {
+            for (std::int32_t n = 0; n < frames; ++n) {
+                const std::int64_t at = position + n;
+                float x = 0.0f;
+                if ((at / 2048) % 2 == 1) {
+                    std::uint32_t h = static_cast<std::uint32_t>(at) * 2654435761u ^ static_cast<std::uint32_t>(c) * 40503u;
+                    h ^= h >> 15;
+                    h *= 2246822519u;
+                    h ^= h >> 13;
+                    x = (static_cast<float>(h & 0xFFFF) / 32768.0f - 1.0f) * 0.5f;
+                }
+                channels[c][n] = at >= brokenFrom && at < brokenTo ? broken : x;
+            }
+        }
+        return true;
+    }
+};
+Extensions g_extensions;
+
 struct RtHooks {
     QvdRtEnterFn enter = nullptr;
     QvdRtLeaveFn leave = nullptr;
@@ -271,6 +309,7 @@ RunResult run(AudioPlugin& a, const Config& c, const Signal& in, const std::vect
     std::vector<float*> outPtr(static_cast<std::size_t>(c.outputs));
     qvd::BlockRecord block{};
     block.mode = qvd::kModePlaying;
+    block.position = 0; // on the timeline, so host-supplied audio lines up
     std::size_t done = 0;
     std::size_t k = 0;
     while (done < frames) {
@@ -754,6 +793,22 @@ void checkBadNumbers(Context& ctx, const std::string& key)
                          format("not finite in the block after an input burst of %g: ", static_cast<double>(burst)) + where);
     }
 
+    // The same bursts in the side-chain, for plugins that take one.
+    for (const float burst : {nan, inf, -inf, 1e30f}) {
+        prepare(*inst.a(), cfg);
+        const std::uint64_t fetches = g_extensions.keyFetches.load();
+        g_extensions.brokenFrom = 256;
+        g_extensions.brokenTo = 512;
+        g_extensions.broken = burst;
+        const RunResult r = run(*inst.a(), cfg, noise(std::max(ins, 1), second + 256 * 8, 5), {256}, false);
+        g_extensions.brokenTo = 0;
+        if (g_extensions.keyFetches.load() == fetches)
+            break; // takes no side-chain
+        ctx.report.check(allFinite(r.out, 512, where), key, "key-recover",
+                         format("not finite in the block after a side-chain burst of %g: ", static_cast<double>(burst)) +
+                             where);
+    }
+
     // Subnormal input with flush-to-zero off on our thread; the plugin must
     // keep subnormals out of its output and not slow down much.
     const unsigned csr = _mm_getcsr();
@@ -1086,6 +1141,7 @@ int main(int argc, char** argv)
     }
     static Services services;
     lib.registry->setHostServices(&services);
+    lib.registry->setHostExtensions(&g_extensions);
 
     g_rt.enter = reinterpret_cast<QvdRtEnterFn>(dlsym(RTLD_DEFAULT, "qvd_rt_enter"));
     g_rt.leave = reinterpret_cast<QvdRtLeaveFn>(dlsym(RTLD_DEFAULT, "qvd_rt_leave"));

@@ -103,6 +103,7 @@ Lv2Instance::Lv2Instance(LilvHost& host, const std::string& uri, double rate, st
     LilvNode* audio = lilv_new_uri(w, LV2_CORE__AudioPort);
     LilvNode* control = lilv_new_uri(w, LV2_CORE__ControlPort);
     LilvNode* input = lilv_new_uri(w, LV2_CORE__InputPort);
+    LilvNode* sideChain = lilv_new_uri(w, LV2_CORE_PREFIX "isSideChain");
     const std::uint32_t count = lilv_plugin_get_num_ports(p);
     std::vector<float> defaults(count);
     lilv_plugin_get_port_ranges_float(p, nullptr, nullptr, defaults.data());
@@ -111,7 +112,9 @@ Lv2Instance::Lv2Instance(LilvHost& host, const std::string& uri, double rate, st
         const LilvPort* port = lilv_plugin_get_port_by_index(p, i);
         m_symbols[lilv_node_as_string(lilv_port_get_symbol(p, port))] = i;
         const bool in = lilv_port_is_a(p, port, input);
-        if (lilv_port_is_a(p, port, audio))
+        if (lilv_port_is_a(p, port, audio) && in && lilv_port_has_property(p, port, sideChain))
+            m_sideChainIn.push_back(i);
+        else if (lilv_port_is_a(p, port, audio))
             (in ? m_audioIn : m_audioOut).push_back(i);
         else if (lilv_port_is_a(p, port, control) && in)
             m_controlIn.push_back(i);
@@ -120,6 +123,7 @@ Lv2Instance::Lv2Instance(LilvHost& host, const std::string& uri, double rate, st
     lilv_node_free(audio);
     lilv_node_free(control);
     lilv_node_free(input);
+    lilv_node_free(sideChain);
 
     m_featureStore.push_back({LV2_URID__map, host.urids().feature()});
     if (maxBlock > 0) {
@@ -158,9 +162,13 @@ Lv2Instance::Lv2Instance(LilvHost& host, const std::string& uri, double rate, st
     for (std::uint32_t i = 0; i < count; ++i) {
         if (std::find(m_controlIn.begin(), m_controlIn.end(), i) == m_controlIn.end() &&
             std::find(m_audioIn.begin(), m_audioIn.end(), i) == m_audioIn.end() &&
-            std::find(m_audioOut.begin(), m_audioOut.end(), i) == m_audioOut.end())
+            std::find(m_audioOut.begin(), m_audioOut.end(), i) == m_audioOut.end() &&
+            std::find(m_sideChainIn.begin(), m_sideChainIn.end(), i) == m_sideChainIn.end())
             lilv_instance_connect_port(m_instance, i, &m_values[i]);
     }
+    // Optional side-chain inputs stay unconnected until process() has a key.
+    for (const std::uint32_t i : m_sideChainIn)
+        lilv_instance_connect_port(m_instance, i, nullptr);
 }
 
 Lv2Instance::~Lv2Instance()
@@ -245,6 +253,9 @@ Signal Lv2Instance::process(const Signal& in, const std::vector<std::uint32_t>& 
                 outPtr[c] = work[buffers == Buffers::InPlace ? c : (c + 1) % work.size()].data() + done;
         }
         connectAudio(inPtr.data(), outPtr.data());
+        for (std::size_t c = 0; c < m_sideChainIn.size() && !sideChain.empty(); ++c)
+            lilv_instance_connect_port(m_instance, m_sideChainIn[c],
+                                       sideChain[std::min(c, sideChain.size() - 1)].data() + done);
         run(static_cast<std::uint32_t>(n));
         done += n;
     }

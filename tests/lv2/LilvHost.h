@@ -70,6 +70,11 @@ public:
     bool valid() const { return m_instance != nullptr; }
     int inputs() const { return static_cast<int>(m_audioIn.size()); }
     int outputs() const { return static_cast<int>(m_audioOut.size()); }
+    // Inputs marked lv2:isSideChain, apart from inputs().
+    int sideChainInputs() const { return static_cast<int>(m_sideChainIn.size()); }
+    // Key for the side-chain inputs in process(), one vector per channel (the
+    // last repeats), as long as its input; empty leaves them unconnected.
+    Signal sideChain;
     bool hasPort(const std::string& symbol) const { return m_symbols.count(symbol) != 0; }
     // Control ports by symbol: input values to set, output values to read.
     void set(const std::string& symbol, float value);
@@ -92,7 +97,7 @@ public:
 
 private:
     LilvInstance* m_instance = nullptr;
-    std::vector<std::uint32_t> m_audioIn, m_audioOut, m_controlIn;
+    std::vector<std::uint32_t> m_audioIn, m_audioOut, m_controlIn, m_sideChainIn;
     std::vector<float> m_values;
     std::map<std::string, std::uint32_t> m_symbols;
     std::vector<LV2_Options_Option> m_options;

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -190,6 +191,36 @@ Signal readWav(const fs::path& path)
     return s;
 }
 
+void writeWav(const fs::path& path, const Signal& s, int rate)
+{
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = static_cast<int>(s.size());
+    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(f, nullptr) << path;
+    std::vector<float> interleaved(s[0].size() * s.size());
+    for (std::size_t i = 0; i < s[0].size(); ++i)
+        for (std::size_t c = 0; c < s.size(); ++c)
+            interleaved[i * s.size() + c] = s[c][i];
+    sf_writef_float(f, interleaved.data(), static_cast<sf_count_t>(s[0].size()));
+    sf_close(f);
+}
+
+// A file for hosts that map file channels to every audio input in port
+// order: `main` followed by the side-chain channels `key` (silence when empty).
+fs::path withSideChain(const fs::path& main, const Signal& key, std::int32_t sideChains, int rate)
+{
+    Signal all = readWav(main);
+    const std::size_t frames = all.empty() ? 0 : all[0].size();
+    for (std::int32_t c = 0; c < sideChains; ++c)
+        all.push_back(key.empty() ? std::vector<float>(frames, 0.0f) : key[std::min<std::size_t>(c, key.size() - 1)]);
+    fs::path path = main;
+    path.replace_extension(".keyed.wav");
+    writeWav(path, all, rate);
+    return path;
+}
+
 class Lv2Apply : public ::testing::TestWithParam<std::string> {};
 
 // lv2apply runs one frame per call and ffmpeg's lv2 filter whole frames of
@@ -229,11 +260,13 @@ TEST_P(Lv2Apply, LilvAndFfmpegGiveTheSamplesOfQvdfxProcess)
         const Signal reference = readWav(viaQvdfx);
         ASSERT_EQ(reference.size(), static_cast<std::size_t>(v.outputs));
         const auto latency = static_cast<std::size_t>(directLatency(v, rate, settings));
+        // Side-chain inputs take file channels too; silent, they leave the audio alone.
+        const fs::path hostIn = v.sideChains > 0 ? withSideChain(in, {}, v.sideChains, rate) : in;
 
         const std::vector<std::pair<std::string, std::string>> hosts = {
-            {"lv2apply", "lv2apply -i " + quote(in) + " -o " + quote(dir / "lv2apply.wav") + lv2applyControls + " " +
+            {"lv2apply", "lv2apply -i " + quote(hostIn) + " -o " + quote(dir / "lv2apply.wav") + lv2applyControls + " " +
                              quote(v.uri)},
-            {"ffmpeg", "ffmpeg -nostdin -hide_banner -loglevel error -y -i " + quote(in) + " -af \"lv2=plugin=" +
+            {"ffmpeg", "ffmpeg -nostdin -hide_banner -loglevel error -y -i " + quote(hostIn) + " -af \"lv2=plugin=" +
                            escapedUri + ":controls=" + ffmpegControls + "\" -c:a pcm_f32le " + quote(dir / "ffmpeg.wav")},
         };
         for (const auto& [name, command] : hosts) {
@@ -254,6 +287,47 @@ TEST_P(Lv2Apply, LilvAndFfmpegGiveTheSamplesOfQvdfxProcess)
 }
 
 INSTANTIATE_TEST_SUITE_P(Bundle, Lv2Apply, allVariants(), testName);
+
+// The Ducker's side-chain ports through lv2apply (a file with the main
+// channels, then the key's) duck exactly as qvdfx --sidechain does.
+TEST(Lv2SideChain, Lv2applyKeyDucksLikeQvdfxSidechain)
+{
+    for (const char* layout : {"mono", "stereo"}) {
+        const auto& v = variant(std::string("urn:qvd:lv2:ducker-1364608085#") + layout);
+        ASSERT_EQ(v.sideChains, v.inputs) << layout;
+        const fs::path dir = scratchDir() / (std::string("sidechain-") + layout);
+        fs::create_directories(dir);
+        const int rate = 48000;
+        const std::string qvdfx = quote(QVDFX_PATH);
+        const fs::path main = dir / "main.wav", key = dir / "key.wav", viaQvdfx = dir / "qvdfx.wav";
+        ASSERT_EQ(shell(qvdfx + " gen " + quote(main) + " --signal sine --freq 1000 --seconds 1 --channels " +
+                        std::to_string(v.inputs)).status, 0);
+        // A key that starts 0.3 s in and stops at 0.6 s.
+        Signal k(1, std::vector<float>(rate, 0.0f));
+        for (int n = rate * 3 / 10; n < rate * 6 / 10; ++n)
+            k[0][static_cast<std::size_t>(n)] = 0.3f * static_cast<float>(std::sin(2.0 * M_PI * 200.0 * n / rate));
+        writeWav(key, k, rate);
+        const Output process = shell(qvdfx + " process " + quote(main) + " " + quote(viaQvdfx) +
+                                     " -p Ducker --set DEPTH=-20 --sidechain " + quote(key) + " --quiet");
+        ASSERT_EQ(process.status, 0) << process.err;
+        const Signal reference = readWav(viaQvdfx);
+        const fs::path keyed = withSideChain(main, k, v.sideChains, rate);
+        const Output run = shell("lv2apply -i " + quote(keyed) + " -o " + quote(dir / "lv2apply.wav") +
+                                 " -c DEPTH -20 " + quote(v.uri));
+        ASSERT_EQ(run.status, 0) << run.err;
+        const Signal out = readWav(dir / "lv2apply.wav");
+        EXPECT_EQ(firstDifference(out, reference), "") << layout;
+        // It did duck: 20 dB down in the middle of the key.
+        const Signal in = readWav(main);
+        const std::size_t at = static_cast<std::size_t>(rate) / 2;
+        double gain = 0.0, level = 0.0;
+        for (std::size_t n = at; n < at + 480; ++n) {
+            gain += static_cast<double>(out[0][n]) * out[0][n];
+            level += static_cast<double>(in[0][n]) * in[0][n];
+        }
+        EXPECT_NEAR(10.0 * std::log10(gain / level), -20.0, 0.1) << layout;
+    }
+}
 
 } // namespace
 } // namespace qvdtest
