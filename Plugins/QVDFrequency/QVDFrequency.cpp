@@ -36,7 +36,7 @@ std::vector<QVDParam> QVDFrequency::parameterRows()
                      twa::fft::kWindowHann),
         qvdListParam("OVERLAP", "Overlap", {"0 %", "50 %", "75 %", "87.5 %"}, 1),
         qvdListParam("AVERAGING", "Averaging", {"Off", "Exponential", "Peak Hold"}, kAverageExponential),
-        {.name = "TIME", .label = "Average Time", .minimum = 100.0f, .maximum = 60000.0f, .defaultValue = 1000.0f,
+        {.name = "TIME", .label = "Time", .minimum = 100.0f, .maximum = 60000.0f, .defaultValue = 1000.0f,
          .step = 1.0f, .unit = "ms", .scale = qvd::kLogarithmic},
         qvdSwitchParam("RESET", "Reset", false),
         qvdListParam("CHANNEL", "Channel", channels, 0),

@@ -26,7 +26,7 @@ std::vector<QVDParam> QVDJellyFish::parameterRows()
     return {
         {.name = "INTEGRATION", .label = "Integration", .minimum = 10.0f, .maximum = 10000.0f, .defaultValue = 300.0f,
          .step = 1.0f, .unit = "ms", .scale = qvd::kLogarithmic},
-        qvdSwitchParam("RESET", "Reset Loudness", false),
+        qvdSwitchParam("RESET", "Reset", false),
     };
 }
 
