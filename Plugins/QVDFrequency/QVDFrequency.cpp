@@ -231,12 +231,15 @@ bool QVDFrequency::analyse() noexcept
     // A bin-centred sine of peak A gives |X| = A sum(w) / 2: scale so its power reads A^2.
     const double sum = m_table->sum[static_cast<std::size_t>(m_config.size)][static_cast<std::size_t>(m_config.window)];
     const double scale = sum > 0.0 ? 2.0 / sum : 0.0;
+    const auto gain = static_cast<float>(scale * scale);
     const std::int32_t bins = n / 2 + 1;
-    for (std::int32_t k = 0; k < bins; ++k) {
-        const double edge = k == 0 || k == bins - 1 ? 0.5 : 1.0;
-        const double a = std::abs(m_spectrum[static_cast<std::size_t>(k)]) * scale * edge;
-        m_power[static_cast<std::size_t>(k)] = static_cast<float>(a * a);
-    }
+    const twa::fft::complex_t* x = m_spectrum.data();
+    float* power = m_power.data();
+    for (std::int32_t k = 0; k < bins; ++k)
+        power[k] = gain * (x[k].real() * x[k].real() + x[k].imag() * x[k].imag());
+    // DC and Nyquist have no mirror image to share their power with.
+    power[0] *= 0.25f;
+    power[bins - 1] *= 0.25f;
     return true;
 }
 
@@ -272,6 +275,8 @@ void QVDFrequency::publishLayout() noexcept
     publishReadout(kBandCount, static_cast<float>(m_bandCount));
     publishReadout(kGridFrequencies, m_gridFrequencies.data(), kGridPoints);
     publishReadout(kBinWidth, static_cast<float>(sampleRate() / static_cast<double>(sizeOf(m_config.size))));
+    std::fill(m_binOut.begin(), m_binOut.end(), kFloorDb);
+    publishReadout(kBins, m_binOut.data(), kMaxBins);
     m_layoutDue = false;
 }
 
@@ -282,9 +287,11 @@ void QVDFrequency::publishAll() noexcept
     const double width = sampleRate() / static_cast<double>(n);
     const float* avg = m_average.data();
 
-    for (std::int32_t k = 0; k < kMaxBins; ++k)
-        m_binOut[static_cast<std::size_t>(k)] = k < bins ? decibels(avg[k]) : kFloorDb;
-    publishReadout(kBins, m_binOut.data(), kMaxBins);
+    // Only the bins of this size; the rest were set to the floor when it was chosen.
+    float* out = m_binOut.data();
+    for (std::int32_t k = 0; k < bins; ++k)
+        out[k] = 10.0f * std::log10(std::max(avg[k], kFloorPower));
+    publishReadout(kBins, out, bins);
 
     // Each grid point shows the strongest bin between it and its neighbours'
     // midpoints (geometric), or the interpolated power where no bin falls.
