@@ -165,32 +165,56 @@ void QVDJellyFish::resetState() noexcept
     clearRunning();
 }
 
+namespace {
+
+// sum of p^(n-1-i) a[i] b[i] over a piece of n <= kPiece frames, with the
+// powers of p from a table: the exact one-pole recursion over the piece, in
+// independent lanes instead of one serial chain.
+double weighted(const float* a, const float* b, const double* powers, std::int32_t n) noexcept
+{
+    double s[4] = {};
+    const double* w = powers + (QVDJellyFish::kPiece - n);
+    std::int32_t i = 0;
+    for (; i + 4 <= n; i += 4)
+        for (std::int32_t k = 0; k < 4; ++k)
+            s[k] += w[i + k] * (static_cast<double>(a[i + k]) * b[i + k]);
+    for (; i < n; ++i)
+        s[0] += w[i] * (static_cast<double>(a[i]) * b[i]);
+    return (s[0] + s[1]) + (s[2] + s[3]);
+}
+
+} // namespace
+
 void QVDJellyFish::integrate(const QVDBlock& block, std::int32_t count) noexcept
 {
     const float ms = m_integrationMs.load(std::memory_order_relaxed);
     if (ms != m_poleMs) {
         m_pole = std::exp(-1000.0 / (static_cast<double>(ms) * sampleRate()));
         m_poleMs = ms;
+        // m_powers[kPiece - 1 - j] = p^j, so a piece of n frames reads the last n.
+        double w = 1.0;
+        for (std::int32_t j = 0; j < kPiece; ++j, w *= m_pole)
+            m_powers[static_cast<std::size_t>(kPiece - 1 - j)] = w;
+        m_piecePole = w;
     }
-    const double p = m_pole;
+    const double* powers = m_powers.data();
     bool finite = true;
-    for (std::int32_t c = 0; c < count; ++c) {
-        const float* x = block.outputs[c];
-        double e = m_energy[static_cast<std::size_t>(c)];
-        for (std::int32_t i = 0; i < block.frames; ++i)
-            e = p * e + static_cast<double>(x[i]) * x[i];
-        // Long silence would decay into subnormals.
-        m_energy[static_cast<std::size_t>(c)] = e < 1e-30 ? 0.0 : e;
-        finite = finite && std::isfinite(e);
-    }
-    const auto product = [&](std::int32_t a, std::int32_t b, double& sum) {
-        if (a < 0 || b < 0 || a >= count || b >= count)
-            return;
+    const auto run = [&](const float* a, const float* b, double& sum) {
         double s = sum;
-        for (std::int32_t i = 0; i < block.frames; ++i)
-            s = p * s + static_cast<double>(block.outputs[a][i]) * block.outputs[b][i];
+        for (std::int32_t done = 0; done < block.frames; done += kPiece) {
+            const std::int32_t n = std::min(kPiece, block.frames - done);
+            const double decay = n == kPiece ? m_piecePole : powers[kPiece - n] / m_pole;
+            s = decay * s + weighted(a + done, b + done, powers, n);
+        }
+        // Long silence would decay into subnormals.
         sum = std::fabs(s) < 1e-30 ? 0.0 : s;
         finite = finite && std::isfinite(s);
+    };
+    for (std::int32_t c = 0; c < count; ++c)
+        run(block.outputs[c], block.outputs[c], m_energy[static_cast<std::size_t>(c)]);
+    const auto product = [&](std::int32_t a, std::int32_t b, double& sum) {
+        if (a >= 0 && b >= 0 && a < count && b < count)
+            run(block.outputs[a], block.outputs[b], sum);
     };
     product(m_layout.left, m_layout.right, m_frontProduct);
     product(m_layout.leftSurround, m_layout.rightSurround, m_surroundProduct);
@@ -225,13 +249,17 @@ void QVDJellyFish::measureLoudness(const QVDBlock& block, std::int32_t count) no
     const Layout& l = m_layout;
     for (std::int32_t done = 0; done < block.frames;) {
         const std::int32_t n = std::min(block.frames - done, m_step - m_stepFill);
+        double programme = 0.0;
         for (std::int32_t c = 0; c < count; ++c) {
             const double w = l.loudnessWeight[static_cast<std::size_t>(c)];
             if (w != 0.0)
-                m_stepSurround +=
+                programme +=
                     w * KWeighting::energy(m_filter, m_states[static_cast<std::size_t>(c)], block.outputs[c] + done, n);
         }
-        if (l.hasDownmix) {
+        m_stepSurround += programme;
+        if (l.format == qvd::kFormatStereo) {
+            m_stepDownmix += programme; // stereo is its own downmix
+        } else if (l.hasDownmix) {
             float* lo = m_downmix.data();
             float* ro = lo + n;
             std::fill(lo, lo + 2 * n, 0.0f);

@@ -41,6 +41,7 @@ public:
     static constexpr std::int32_t kMaxChannels = 32;
     static constexpr std::int32_t kRoles = qvd::kRoleTopBackRight + 1;
     static constexpr float kFloorDb = -200.0f;
+    static constexpr std::int32_t kPiece = 64; // frames the level integrators take at once
     static constexpr QVDPluginDescriptor kDescriptor{.name = "Surround Analyzer", .version = 0.1,
                                                      .fourcc = qvdFourCC("QVJf"), .maxInputs = kMaxChannels,
                                                      .maxOutputs = kMaxChannels, .className = "QVDJellyFish"};
@@ -91,6 +92,8 @@ private:
     std::uint32_t m_resetsSeen = 0;
     float m_poleMs = 0.0f;
     double m_pole = 0.0;
+    double m_piecePole = 0.0; // p^kPiece
+    std::array<double, kPiece> m_powers{};
     std::array<double, kMaxChannels> m_energy{};
     double m_frontProduct = 0.0, m_surroundProduct = 0.0;
     std::array<KWeightingState, kMaxChannels> m_states{};
