@@ -215,14 +215,20 @@ void QVDAmbisonicsMeter::sweepMap(std::int32_t frames) noexcept
         const double* y = &m_gridHarmonics[static_cast<std::size_t>(m_mapPoint * N)];
         for (std::int32_t i = 0; i < c; ++i)
             v[i] = (2.0 * SphericalHarmonics::orderOf(i) + 1.0) * y[i] * scale;
-        double power = 0.0;
+        // v' S v over the upper triangle, in four independent sums.
+        double lanes[4] = {};
         for (std::int32_t i = 0; i < c; ++i) {
             const double* row = &m_snapshot[static_cast<std::size_t>(i * N)];
-            double z = 0.0;
-            for (std::int32_t j = 0; j < c; ++j)
-                z += row[j] * v[j];
-            power += v[i] * z;
+            double z[4] = {0.5 * row[i] * v[i], 0.0, 0.0, 0.0};
+            std::int32_t j = i + 1;
+            for (; j + 4 <= c; j += 4)
+                for (std::int32_t k = 0; k < 4; ++k)
+                    z[k] += row[j + k] * v[j + k];
+            for (; j < c; ++j)
+                z[0] += row[j] * v[j];
+            lanes[i & 3] += v[i] * ((z[0] + z[1]) + (z[2] + z[3]));
         }
+        const double power = 2.0 * ((lanes[0] + lanes[1]) + (lanes[2] + lanes[3]));
         m_mapPower[static_cast<std::size_t>(m_mapPoint)] = std::max(power, 0.0);
     }
     if (m_mapPoint == kMapPoints) {
