@@ -235,8 +235,10 @@ bool QVDFrequency::analyse() noexcept
     const std::int32_t bins = n / 2 + 1;
     const twa::fft::complex_t* x = m_spectrum.data();
     float* power = m_power.data();
+    // Capped at +300 dB: a finite but huge input must not leave an infinity
+    // that the averaging would turn into NaN.
     for (std::int32_t k = 0; k < bins; ++k)
-        power[k] = gain * (x[k].real() * x[k].real() + x[k].imag() * x[k].imag());
+        power[k] = std::min(gain * (x[k].real() * x[k].real() + x[k].imag() * x[k].imag()), 1e30f);
     // DC and Nyquist have no mirror image to share their power with.
     power[0] *= 0.25f;
     power[bins - 1] *= 0.25f;

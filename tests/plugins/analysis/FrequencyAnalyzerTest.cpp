@@ -181,4 +181,13 @@ TEST(FrequencyAnalyzer, PassesAudioUnchangedAndRecoversFromNonFiniteInput)
     f.run(burst);
     f.run(sine(1, 32000, 1000.0, 32000.0, kMinus6));
     EXPECT_NEAR(value(f, "Peak Level"), -6.0, 0.1);
+
+    // Finite but far over full scale: the average must come back down.
+    f.set("TIME", 100.0f);
+    Signal huge = silence(1, 4096);
+    for (float& x : huge[0])
+        x = 1e25f;
+    f.run(huge);
+    f.run(sine(1, 10 * 32000, 1000.0, 32000.0, kMinus6));
+    EXPECT_NEAR(value(f, "Peak Level"), -6.0, 0.1);
 }
