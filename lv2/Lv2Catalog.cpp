@@ -9,9 +9,11 @@ namespace qvd::lv2 {
 
 const std::vector<Layout>& layouts()
 {
-    // Channel order is the order of a WAV file of that layout, which is what
-    // qvdfx and file-based hosts feed; each port carries its designation, so
-    // hosts that route by designation do not depend on it.
+    // Channel order is the plugins' own (channelRole): in 7.1 the side pair
+    // comes before the rear pair, as in 7.1.4. Each port carries its
+    // designation, so hosts that route by designation do not depend on it; a
+    // WAV file whose channel mask puts the rear pair first needs its channels
+    // 5-8 swapped in pairs before a host that feeds by order.
     static const std::vector<Layout> all = {
         {"mono", "Mono", qvd::kFormatMono, 1, "MonoGroup", {"center"}, {""}},
         {"stereo", "Stereo", qvd::kFormatStereo, 2, "StereoGroup", {"left", "right"}, {"L", "R"}},
@@ -19,8 +21,8 @@ const std::vector<Layout>& layouts()
          {"left", "right", "center", "lowFrequencyEffects", "rearLeft", "rearRight"},
          {"L", "R", "C", "LFE", "Ls", "Rs"}},
         {"7.1", "7.1", qvd::kFormat71, 8, "SevenPointOneGroup",
-         {"left", "right", "center", "lowFrequencyEffects", "rearLeft", "rearRight", "sideLeft", "sideRight"},
-         {"L", "R", "C", "LFE", "Lrs", "Rrs", "Lss", "Rss"}},
+         {"left", "right", "center", "lowFrequencyEffects", "sideLeft", "sideRight", "rearLeft", "rearRight"},
+         {"L", "R", "C", "LFE", "Lss", "Rss", "Lrs", "Rrs"}},
     };
     return all;
 }
