@@ -9,12 +9,12 @@
 
 namespace qvdfx {
 
-std::pair<std::string, std::string> SourceFeed::parseSpec(const std::string& spec)
+std::pair<std::string, std::string> SourceFeed::parseOption(const std::string& text)
 {
-    const auto eq = spec.find('=');
-    if (eq == std::string::npos || eq == 0 || eq + 1 == spec.size())
-        fail(kExitUsage, "--source takes NAME=FILE.wav (sidechain=key.wav, stem:vocals=v.wav), not '" + spec + "'");
-    return {spec.substr(0, eq), spec.substr(eq + 1)};
+    const auto eq = text.find('=');
+    if (eq == std::string::npos || eq == 0 || eq + 1 == text.size())
+        fail(kExitUsage, "--source takes NAME=FILE.wav (sidechain=key.wav, stem:vocals=v.wav), not '" + text + "'");
+    return {text.substr(0, eq), text.substr(eq + 1)};
 }
 
 void SourceFeed::add(const std::string& name, const std::string& path)

@@ -22,7 +22,7 @@ namespace qvdfx {
 class SourceFeed {
 public:
     // [control] "NAME=FILE" of --source; a usage failure naming the word.
-    static std::pair<std::string, std::string> parseSpec(const std::string& spec);
+    static std::pair<std::string, std::string> parseOption(const std::string& text);
 
     // [control] Records source `name` from `path`; a usage failure when the
     // name is taken or malformed. Nothing is read until load().

@@ -358,7 +358,7 @@ int commandProcess(qvd::PluginInterface& registry, Arguments args)
         const std::string a = args.take();
         if (a == "--sidechain" || a == "--source") {
             const auto [name, path] = a == "--sidechain" ? std::pair<std::string, std::string>(qvd::kSourceSideChain, args.value(a))
-                                                         : SourceFeed::parseSpec(args.value(a));
+                                                         : SourceFeed::parseOption(args.value(a));
             sources.add(name, path);
             extensions.setSources(&sources);
             registry.setHostExtensions(&extensions);
