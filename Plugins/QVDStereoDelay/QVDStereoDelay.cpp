@@ -102,6 +102,20 @@ double QVDStereoDelay::pole(float hz) const noexcept
     return std::exp(-2.0 * M_PI * static_cast<double>(hz) / static_cast<double>(sampleRate()));
 }
 
+void QVDStereoDelay::stepTowards(double& octave, double target, double& pole, double& step) const noexcept
+{
+    if (octave == target) {
+        // Arrived: the pole lands on the corner's own value and stays.
+        if (step != 0.0) {
+            pole = this->pole(static_cast<float>(std::exp2(target)));
+            step = 0.0;
+        }
+        return;
+    }
+    octave = glideTo(octave, target, m_controlGlide);
+    step = (this->pole(static_cast<float>(std::exp2(octave))) - pole) / kControlPeriod;
+}
+
 void QVDStereoDelay::render(const QVDBlock& block) noexcept
 {
     if (block.channels < 1)
@@ -159,6 +173,16 @@ void QVDStereoDelay::render(const QVDBlock& block) noexcept
     const float* inR = stereo ? block.inputs[1] : block.inputs[0];
     float* outL = block.outputs[0];
     float* outR = block.outputCount >= 2 ? block.outputs[1] : nullptr;
+    // A filter that is out of the loop and staying out costs nothing; it
+    // starts again from rest, which its fade-in hides.
+    const bool lowRuns = m_lowAmount != 0.0 || lowAmountTarget != 0.0;
+    const bool highRuns = m_highAmount != 0.0 || highAmountTarget != 0.0;
+    for (int c = 0; c < 2; ++c) {
+        if (!lowRuns)
+            m_lowCutState[c] = 0.0;
+        if (!highRuns)
+            m_lowPassed[c] = 0.0;
+    }
     double env = m_envelope;
     double mix = m_mixState;
     for (std::int32_t n = 0; n < block.frames; ++n) {
@@ -167,28 +191,34 @@ void QVDStereoDelay::render(const QVDBlock& block) noexcept
         m_delay.read(wet[0], wet[1]);
         if (m_countdown == 0) {
             // Corners glide in octaves every few frames, counted from the
-            // stream's start; the poles ramp straight between those points.
-            m_lowOctave = glideTo(m_lowOctave, lowTarget, m_controlGlide);
-            m_highOctave = glideTo(m_highOctave, highTarget, m_controlGlide);
-            m_hpStep = (pole(static_cast<float>(std::exp2(m_lowOctave))) - m_hp) / kControlPeriod;
-            m_lpStep = (pole(static_cast<float>(std::exp2(m_highOctave))) - m_lp) / kControlPeriod;
+            // stream's start; the poles ramp straight between those points
+            // and land exactly once the corner has arrived.
+            stepTowards(m_lowOctave, lowTarget, m_hp, m_hpStep);
+            stepTowards(m_highOctave, highTarget, m_lp, m_lpStep);
             m_countdown = kControlPeriod;
         }
         --m_countdown;
         m_hp += m_hpStep;
         m_lp += m_lpStep;
-        m_feedbackState = glideTo(m_feedbackState, feedbackTarget, m_glide);
-        m_lowAmount = glideTo(m_lowAmount, lowAmountTarget, m_glide);
-        m_highAmount = glideTo(m_highAmount, highAmountTarget, m_glide);
+        if (m_feedbackState != feedbackTarget)
+            m_feedbackState = glideTo(m_feedbackState, feedbackTarget, m_glide);
+        if (m_lowAmount != lowAmountTarget)
+            m_lowAmount = glideTo(m_lowAmount, lowAmountTarget, m_glide);
+        if (m_highAmount != highAmountTarget)
+            m_highAmount = glideTo(m_highAmount, highAmountTarget, m_glide);
         const auto feedback = static_cast<float>(m_feedbackState);
         float back[2];
         for (int c = 0; c < 2; ++c) {
             // Each line feeds back its own echo, or with cross-feed the other's.
             double v = (1.0f - cross) * wet[c] + cross * wet[1 - c];
-            m_lowPassed[c] = (1.0 - m_lp) * v + m_lp * m_lowPassed[c];
-            v += m_highAmount * (m_lowPassed[c] - v);
-            m_lowCutState[c] = (1.0 - m_hp) * v + m_hp * m_lowCutState[c];
-            v -= m_lowAmount * m_lowCutState[c];
+            if (highRuns) {
+                m_lowPassed[c] = (1.0 - m_lp) * v + m_lp * m_lowPassed[c];
+                v += m_highAmount * (m_lowPassed[c] - v);
+            }
+            if (lowRuns) {
+                m_lowCutState[c] = (1.0 - m_hp) * v + m_hp * m_lowCutState[c];
+                v -= m_lowAmount * m_lowCutState[c];
+            }
             back[c] = limit(feedback * static_cast<float>(v));
         }
         m_delay.write(dryL + back[0], dryR + back[1]);

@@ -1,6 +1,6 @@
 #pragma once
 // Stereo delay: two lines up to 4 s with gliding times, feedback through a
-// low and a high cut and a soft limiter, all gliding,, cross-feed for ping-pong, ducking of
+// low and a high cut and a soft limiter, all gliding, cross-feed for ping-pong, ducking of
 // the wet signal by the input, and a dry/wet mix.
 
 #include <atomic>
@@ -37,6 +37,10 @@ protected:
 private:
     // One-pole coefficient for a corner in Hz.
     double pole(float hz) const noexcept;
+    // One control step of a corner gliding in octaves: moves `octave` on and
+    // sets `step`, the per-frame ramp of `pole` to it; once the corner has
+    // arrived, lands `pole` exactly and stops the ramp.
+    void stepTowards(double& octave, double target, double& pole, double& step) const noexcept;
 
     std::atomic<float> m_timeMs[2]{375.0f, 500.0f};
     // Sync choice per line: 0 free, else a note value at the host's tempo.
