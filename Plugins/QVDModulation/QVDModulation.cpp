@@ -88,7 +88,7 @@ double QVDModulation::lfoIncrement(const QVDBlock& block) const noexcept
     std::int32_t numerator = 4, denominator = 4;
     if (sync > 0 && hostTempo(block.record, bpm, numerator, denominator))
         return 1.0 / (qvd::notes::seconds(sync - 1, bpm) * sampleRate());
-    return m_rateHz.load(std::memory_order_relaxed) / sampleRate();
+    return static_cast<double>(m_rateHz.load(std::memory_order_relaxed)) / static_cast<double>(sampleRate());
 }
 
 double QVDModulation::allPassCoefficient(double hz) const noexcept
