@@ -61,6 +61,16 @@ QLabel* QVDPanel::addValueLabel(std::int32_t index, int x, int y, int width)
     return label;
 }
 
+std::vector<double> QVDPanel::readout(std::int32_t index) const
+{
+    qvd::ReadoutInfo info;
+    if (!m_plugin->readoutInfo(index, &info) || info.size < 1)
+        return {0.0};
+    std::vector<double> v(static_cast<std::size_t>(info.size));
+    m_plugin->readReadout(index, v.data(), info.size);
+    return v;
+}
+
 void QVDPanel::refresh()
 {
     std::vector<double> db;

@@ -34,6 +34,9 @@ protected:
     QVDListSelector* addSelector(std::int32_t index, int x, int y);
     // A label showing the plugin's value text of `index`, `width` wide.
     QLabel* addValueLabel(std::int32_t index, int x, int y, int width);
+    // [control-thread] A consistent snapshot of readout `index`, all of its
+    // values; {0} for an index the plugin does not have, so [0] is safe.
+    std::vector<double> readout(std::int32_t index) const;
 
     void paintEvent(QPaintEvent*) override;
 

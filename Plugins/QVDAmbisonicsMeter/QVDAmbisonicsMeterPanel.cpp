@@ -90,16 +90,6 @@ QVDAmbisonicsMeterPanel::QVDAmbisonicsMeterPanel(QVDAmbisonicsMeter* plugin, QWi
     refresh();
 }
 
-std::vector<double> QVDAmbisonicsMeterPanel::readout(int index) const
-{
-    qvd::ReadoutInfo info;
-    if (!m_plugin->readoutInfo(index, &info))
-        return {0.0};
-    std::vector<double> v(static_cast<std::size_t>(info.size));
-    m_plugin->readReadout(index, v.data(), info.size);
-    return v;
-}
-
 void QVDAmbisonicsMeterPanel::refresh()
 {
     QVDPanel::refresh();

@@ -33,8 +33,6 @@ public:
     void refresh() override;
 
 private:
-    std::vector<double> readout(int index) const;
-
     QVDAmbisonicsMeter* m_plugin;
     QVDSphereMapView* m_view = nullptr;
     QWidget* m_readings = nullptr;

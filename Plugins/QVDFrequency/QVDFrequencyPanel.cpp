@@ -119,16 +119,6 @@ QVDFrequencyPanel::QVDFrequencyPanel(QVDFrequency* plugin, QWidget* parent)
     refresh();
 }
 
-std::vector<double> QVDFrequencyPanel::readout(int index) const
-{
-    qvd::ReadoutInfo info;
-    if (!m_plugin->readoutInfo(index, &info))
-        return {};
-    std::vector<double> v(static_cast<std::size_t>(info.size));
-    m_plugin->readReadout(index, v.data(), info.size);
-    return v;
-}
-
 void QVDFrequencyPanel::refresh()
 {
     QVDPanel::refresh();

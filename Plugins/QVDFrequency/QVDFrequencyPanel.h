@@ -38,8 +38,6 @@ public:
     void refresh() override;
 
 private:
-    std::vector<double> readout(int index) const;
-
     QVDFrequency* m_plugin;
     QVDSpectrumView* m_view = nullptr;
 };

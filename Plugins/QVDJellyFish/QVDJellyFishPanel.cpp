@@ -96,16 +96,6 @@ QVDJellyFishPanel::QVDJellyFishPanel(QVDJellyFish* plugin, QWidget* parent)
     refresh();
 }
 
-std::vector<double> QVDJellyFishPanel::readout(int index) const
-{
-    qvd::ReadoutInfo info;
-    if (!m_plugin->readoutInfo(index, &info))
-        return {0.0};
-    std::vector<double> v(static_cast<std::size_t>(info.size));
-    m_plugin->readReadout(index, v.data(), info.size);
-    return v;
-}
-
 void QVDJellyFishPanel::refresh()
 {
     QVDPanel::refresh();

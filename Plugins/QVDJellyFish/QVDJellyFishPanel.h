@@ -35,8 +35,6 @@ public:
     void refresh() override;
 
 private:
-    std::vector<double> readout(int index) const;
-
     QVDJellyFish* m_plugin;
     QVDDirectionView* m_view = nullptr;
     QWidget* m_readings = nullptr;
