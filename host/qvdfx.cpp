@@ -297,6 +297,15 @@ int commandParams(qvd::PluginInterface& registry, Arguments args)
     std::string out;
     if (json)
         out = "{\"key\": \"" + jsonEscape(key) + "\", \"parameters\": [";
+    // The identifier and label columns are as wide as their longest entry,
+    // so long names keep the table aligned.
+    int idWidth = 30, labelWidth = 14;
+    for (std::int32_t i = 0; i < count; ++i) {
+        qvd::ParameterInfo p;
+        plugin.instance->parameterInfo(i, &p);
+        idWidth = std::max(idWidth, static_cast<int>(p.identifier.size()));
+        labelWidth = std::max(labelWidth, static_cast<int>(p.label.size()));
+    }
     for (std::int32_t i = 0; i < count; ++i) {
         qvd::ParameterInfo p;
         plugin.instance->parameterInfo(i, &p);
@@ -312,8 +321,9 @@ int commandParams(qvd::PluginInterface& registry, Arguments args)
                    jsonEscape(p.unit) + "\", \"options\": [" + options + "]}";
         } else {
             char line[512];
-            std::snprintf(line, sizeof line, "%3d  %-30s %-14s %-10s %-6s %10s .. %-10s default %-8s step %-6s %s\n",
-                          p.index, p.identifier.c_str(), p.label.c_str(), kindName(p.kind), scaleName(p.scale),
+            std::snprintf(line, sizeof line, "%3d  %-*s %-*s %-10s %-6s %10s .. %-10s default %-8s step %-6s %s\n",
+                          p.index, idWidth, p.identifier.c_str(), labelWidth, p.label.c_str(), kindName(p.kind),
+                          scaleName(p.scale),
                           floatText(p.minimum).c_str(), floatText(p.maximum).c_str(),
                           floatText(p.defaultValue).c_str(), floatText(p.step).c_str(), p.unit.c_str());
             out += line;

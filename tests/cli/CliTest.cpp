@@ -600,10 +600,16 @@ TEST_F(CliTest, RangeEndsAreAcceptedAsParamsPrintsThem)
         // "  3  QVDEq::BAND_Q_5  Q 5  continuous  log  0.3 .. 10.3  default ..."
         std::string lows, highs;
         std::istringstream lines(listing.output);
+        std::size_t column = std::string::npos;
         for (std::string line; std::getline(lines, line);) {
             const auto dots = line.find(" .. ");
             if (dots == std::string::npos)
                 continue;
+            // A table: the range sits in the same column on every line, however
+            // long a plugin's identifiers and labels are.
+            if (column == std::string::npos)
+                column = dots;
+            EXPECT_EQ(dots, column) << key << ": " << line;
             std::istringstream before(line.substr(0, dots)), after(line.substr(dots + 4));
             std::string index, word, low, high;
             before >> index;
