@@ -37,10 +37,12 @@ void mix(const float* const* x, const float* g, std::uint32_t inputs, float* y, 
 void interpolate(const float* a, const float* at, float df, float off0, float slope, float kf, float* row,
                  std::size_t frames) noexcept
 {
+    // b[k] is the sample before a[k]; a[k - 1] would wrap the unsigned index.
+    const float* b = a - 1;
     for (std::size_t k = 0; k < frames; ++k) {
         const float d = df - (off0 + at[k] * slope);
         const float f = (d < 1.0f ? 1.0f : d) - kf;
-        row[k] = a[k] + f * (a[k - 1] - a[k]);
+        row[k] = a[k] + f * (b[k] - a[k]);
     }
 }
 
