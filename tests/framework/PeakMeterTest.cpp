@@ -17,11 +17,13 @@ TEST(PeakMeter, ReadsTheLargestMagnitudeAtEveryLengthAndAlignment)
     std::normal_distribution<float> d(0.0f, 0.3f);
     for (std::size_t n = 0; n <= 70; ++n) {
         for (const std::size_t offset : {0u, 1u, 2u, 3u}) {
-            std::vector<float> in(n + offset), out(n + offset + 1, 7.0f);
+            // One spare element each, so even an empty run has real buffers
+            // (memcmp on a null pointer is undefined, even for zero bytes).
+            std::vector<float> in(n + offset + 1), out(n + offset + 1, 7.0f);
             for (float& x : in)
                 x = d(rng);
             float want = 0.0f;
-            for (std::size_t i = offset; i < in.size(); ++i)
+            for (std::size_t i = offset; i < offset + n; ++i)
                 want = std::max(want, std::fabs(in[i]));
             // The largest sample, negative, placed anywhere in the run.
             if (n > 0) {
