@@ -38,7 +38,8 @@ std::vector<float> noise(std::size_t frames, unsigned seed, float level = 1.0f)
 
 bool sameBits(const std::vector<float>& a, const std::vector<float>& b)
 {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+    // An empty vector's data() may be null, and memcmp on null is undefined.
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0);
 }
 
 bool sameSet(const BiQuadCoefficients& a, const BiQuadCoefficients& b)
