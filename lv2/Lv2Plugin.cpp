@@ -22,6 +22,10 @@ namespace qvd::lv2 {
 
 namespace {
 
+// How often run() publishes meters, readouts and latency: 200 times a second
+// of audio, far above any display's rate.
+constexpr double kStatusSeconds = 0.005;
+
 // Built once, in place: the descriptors point into the variants' URIs.
 struct Catalog {
     Catalog();
@@ -141,8 +145,13 @@ LV2_Handle instantiate(const LV2_Descriptor* descriptor, double rate, const char
     self->meterValues.assign(static_cast<std::size_t>(widestGroup), -100.0);
     // A port left at the plugin's own value needs no first apply.
     self->seen = std::make_unique<std::atomic<std::uint32_t>[]>(self->controls.size());
-    for (std::size_t k = 0; k < self->controls.size(); ++k)
-        self->seen[k].store(bitsOf(instance->getParameter(self->parameterIndex[k])), std::memory_order_relaxed);
+    self->lastBits.resize(self->controls.size());
+    self->watched.resize(self->controls.size());
+    for (std::size_t k = 0; k < self->controls.size(); ++k) {
+        self->lastBits[k] = bitsOf(instance->getParameter(self->parameterIndex[k]));
+        self->seen[k].store(self->lastBits[k], std::memory_order_relaxed);
+        self->watched[k] = &self->lastBits[k];
+    }
     return self.release();
 }
 
@@ -153,9 +162,18 @@ void connectPort(LV2_Handle handle, uint32_t port, void* data)
         return;
     const auto slot = static_cast<std::size_t>(self->slot[port]);
     switch (self->variant->ports[port].role) {
-    case PortRole::AudioIn: self->inputs[slot] = static_cast<const float*>(data); break;
-    case PortRole::AudioOut: self->outputs[slot] = static_cast<float*>(data); break;
-    case PortRole::Parameter: self->controls[slot] = static_cast<const float*>(data); break;
+    case PortRole::AudioIn:
+        self->inputs[slot] = static_cast<const float*>(data);
+        self->aliasKnown = false;
+        break;
+    case PortRole::AudioOut:
+        self->outputs[slot] = static_cast<float*>(data);
+        self->aliasKnown = false;
+        break;
+    case PortRole::Parameter:
+        self->controls[slot] = static_cast<const float*>(data);
+        self->watched[slot] = data ? data : &self->lastBits[slot];
+        break;
     case PortRole::Enabled: self->enabled = static_cast<const float*>(data); break;
     case PortRole::Latency: self->latency = static_cast<float*>(data); break;
     case PortRole::Meter: self->meters[slot].port = static_cast<float*>(data); break;
@@ -179,16 +197,36 @@ bool applyControl(Lv2Plugin& self, std::size_t slot, float value, bool mayCallSe
     return self.worker->schedule_work(self.worker->handle, sizeof change, &change) == LV2_WORKER_SUCCESS;
 }
 
-void applyControls(Lv2Plugin& self, bool mayCallSetter)
+std::uint32_t wordAt(const void* port)
 {
-    for (std::size_t k = 0; k < self.controls.size(); ++k) {
-        const float* port = self.controls[k];
-        const std::uint32_t bits = port ? bitsOf(*port) : 0;
-        if (!port || bits == self.seen[k].load(std::memory_order_relaxed))
+    std::uint32_t bits;
+    std::memcpy(&bits, port, sizeof bits);
+    return bits;
+}
+
+// True when a port moved.
+bool applyControls(Lv2Plugin& self, bool mayCallSetter)
+{
+    // Most runs move no control: one pass that only gathers differences,
+    // with no branch per port, says so, and is all a run then pays.
+    const std::size_t count = self.watched.size();
+    std::uint32_t moved = 0;
+    for (std::size_t k = 0; k < count; ++k)
+        moved |= wordAt(self.watched[k]) ^ self.lastBits[k];
+    if (!moved)
+        return false;
+    for (std::size_t k = 0; k < count; ++k) {
+        const std::uint32_t bits = wordAt(self.watched[k]);
+        if (bits == self.lastBits[k])
             continue;
-        if (applyControl(self, k, *port, mayCallSetter))
+        float value;
+        std::memcpy(&value, &bits, sizeof value);
+        if (applyControl(self, k, value, mayCallSetter)) {
+            self.lastBits[k] = bits;
             self.seen[k].store(bits, std::memory_order_relaxed);
+        }
     }
+    return true;
 }
 
 void activate(LV2_Handle handle)
@@ -208,18 +246,22 @@ void activate(LV2_Handle handle)
     self->aside.assign(static_cast<std::size_t>(v.inputs) * static_cast<std::size_t>(self->blockLength), 0.0f);
     self->asideInputs.assign(static_cast<std::size_t>(v.inputs), nullptr);
     self->chunkOutputs.assign(static_cast<std::size_t>(v.outputs), nullptr);
+    self->statusEvery = std::max(1, static_cast<std::int32_t>(std::lround(self->rate * kStatusSeconds)));
+    self->framesToStatus = 0;
     self->block = qvd::BlockRecord{};
     self->block.mode = qvd::kModePlaying;
     self->block.position = 0;
 }
 
-void applyBypass(Lv2Plugin& self)
+// True when the bypass changed.
+bool applyBypass(Lv2Plugin& self)
 {
     const bool bypass = self.enabled && !(*self.enabled > 0.0f);
-    if (bypass != self.bypassed) {
-        self.bypassed = bypass;
-        self.audio->setBypass(bypass);
-    }
+    if (bypass == self.bypassed)
+        return false;
+    self.bypassed = bypass;
+    self.audio->setBypass(bypass);
+    return true;
 }
 
 // Our process() is in place only channel for channel; a host may also hand
@@ -264,17 +306,17 @@ void publishReadouts(Lv2Plugin& self)
 
 void publishMeters(Lv2Plugin& self)
 {
-    std::int32_t group = -1;
+    std::int32_t group = -1, size = 0;
     const auto capacity = static_cast<std::int32_t>(self.meterValues.size());
     for (const auto& m : self.meters) {
         if (m.group != group) {
             group = m.group;
-            const std::int32_t size = self.plugin->getMeterValues(group, self.meterValues.data(), capacity);
-            std::fill(self.meterValues.begin() + std::min(std::max(size, 0), capacity), self.meterValues.end(), -100.0);
+            size = std::clamp(self.plugin->getMeterValues(group, self.meterValues.data(), capacity), 0, capacity);
         }
+        // A channel the layout lacks reads as silence.
         if (m.port)
-            *m.port = m.channel < capacity ? static_cast<float>(self.meterValues[static_cast<std::size_t>(m.channel)])
-                                           : -100.0f;
+            *m.port = m.channel < size ? static_cast<float>(self.meterValues[static_cast<std::size_t>(m.channel)])
+                                       : -100.0f;
     }
 }
 
@@ -283,8 +325,8 @@ void run(LV2_Handle handle, uint32_t sampleCount)
     auto& self = *static_cast<Lv2Plugin*>(handle);
     const auto frames = static_cast<std::int32_t>(std::min<uint32_t>(sampleCount, INT32_MAX));
     // Without a worker (lv2apply, ffmpeg: offline hosts) the setters run here.
-    applyControls(self, false);
-    applyBypass(self);
+    const bool moved = applyControls(self, false);
+    const bool switched = applyBypass(self);
     if (!self.prepared) {
         for (float* out : self.outputs)
             if (out)
@@ -292,13 +334,21 @@ void run(LV2_Handle handle, uint32_t sampleCount)
     } else if (frames > 0) {
         self.runStart = self.block.position;
         self.runFrames = frames;
-        if (crossAliased(self)) {
+        if (!self.aliasKnown) {
+            self.aliased = crossAliased(self);
+            self.aliasKnown = true;
+        }
+        if (self.aliased) {
             processAside(self, frames);
         } else {
             self.audio->process(&self.block, self.inputs.data(), self.outputs.data(), frames);
             self.block.position += frames;
         }
     }
+    self.framesToStatus -= frames;
+    if (self.framesToStatus > 0 && !moved && !switched)
+        return;
+    self.framesToStatus = self.statusEvery;
     if (self.latency)
         *self.latency = static_cast<float>(self.plugin->getLatency());
     publishMeters(self);

@@ -58,6 +58,11 @@ struct Lv2Plugin {
     // so a restored state holds until the host moves the port. Atomic: a
     // state save may read it while run() writes it.
     std::unique_ptr<std::atomic<std::uint32_t>[]> seen;
+    // The audio thread's own copy of seen, and what it compares it with:
+    // each control port, or for an unconnected one its own entry of
+    // lastBits, which then never differs.
+    std::vector<std::uint32_t> lastBits;
+    std::vector<const void*> watched;
     std::vector<std::int32_t> parameterIndex;
     std::vector<LV2_URID> stateKeys;
     const float* enabled = nullptr;
@@ -75,9 +80,18 @@ struct Lv2Plugin {
     };
     std::vector<ReadoutPort> readouts;
     std::vector<double> meterValues; // one group's levels, sized at instantiate
+    // Meters, readouts and latency go out every statusEvery frames, at the
+    // first run and when a control or the bypass moves: displays and delay
+    // compensation read them far less often than small blocks come.
+    std::int32_t statusEvery = 1;
+    std::int64_t framesToStatus = 0;
     // Per port index: slot in inputs/outputs/controls/meters.
     std::vector<std::int32_t> slot;
 
+    // Whether an input buffer is another channel's output; worked out again
+    // at the first run after the host connects an audio port.
+    bool aliasKnown = false;
+    bool aliased = false;
     // Inputs copied aside when the host aliases an input with another
     // channel's output; sized in activate.
     std::vector<float> aside;

@@ -231,6 +231,37 @@ TEST_P(Lv2Variant, MetersReadTheInputLevelInDecibels)
         EXPECT_NEAR(lv2.get("meter_input_" + std::to_string(c)), -6.02, 0.05) << "channel " << c;
 }
 
+// Meters go out at least every 5 ms of audio, not every run: with 64-frame
+// blocks a level change shows within 240 frames and one block.
+TEST(Lv2Meters, FollowTheSignalWithin5MsAtSmallBlocks)
+{
+    std::string key;
+    for (const auto& [k, info] : registry().listPlugins(qvd::kAudioPlugin))
+        if (info.name == "Gain")
+            key = k;
+    Lv2Instance lv2(host(), qvd::lv2::pluginUri(key, qvd::lv2::layouts()[1]), 48000, 64);
+    ASSERT_TRUE(lv2.valid());
+    const Signal silence(2, std::vector<float>(64, 0.0f));
+    Signal sine = silence;
+    for (auto& ch : sine)
+        for (std::size_t i = 0; i < ch.size(); ++i)
+            ch[i] = 0.5f * static_cast<float>(std::sin(2.0 * M_PI * 750.0 * static_cast<double>(i) / 48000.0));
+    // Runs until the input meter reads `db`; how many it took.
+    auto runsUntil = [&](const Signal& block, double db) {
+        for (int runs = 1; runs <= 20; ++runs) {
+            lv2.process(block, {64});
+            if (std::abs(lv2.get("meter_input_1") - db) < 0.05)
+                return runs;
+        }
+        return 99;
+    };
+    EXPECT_EQ(runsUntil(silence, -100.0), 1) << "the first run publishes";
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_LE(runsUntil(sine, -6.02), 5) << round;
+        EXPECT_LE(runsUntil(silence, -100.0), 5) << round;
+    }
+}
+
 // Scalar readouts are control outputs: the phase meter's correlation reads
 // +1 for equal channels and -1 for opposite ones through the port.
 TEST(Lv2Readouts, AreControlOutputsAHostCanRead)
