@@ -16,6 +16,8 @@ namespace {
 // Each of the two one-poles of the delay and depth glide takes 20 ms: a jump
 // over the whole delay range peaks near half a sample per sample.
 constexpr double kGlideSeconds = 0.020;
+// A raised-cosine fade this long moves between voice counts without a kink.
+constexpr double kVoiceFadeSeconds = 0.020;
 
 } // namespace
 
@@ -67,6 +69,7 @@ bool QVDChorus::prepareProcessing()
     const auto shortest = static_cast<int>(std::floor(kMinDelayMs * 1e-3 * rate));
     m_period = std::clamp(shortest - 1, 1, kMaxPeriod);
     m_controlGlide = std::exp(-m_period / (kGlideSeconds * rate));
+    m_fadeLength = std::max(1, static_cast<int>(std::lround(kVoiceFadeSeconds * rate)));
     resetState();
     return true;
 }
@@ -77,6 +80,7 @@ void QVDChorus::resetState() noexcept
     m_phase = 0.0;
     m_countdown = 0;
     m_fresh = true;
+    m_fadeLeft = 0;
     m_lowPassed[0] = m_lowPassed[1] = 0.0;
 }
 
@@ -100,7 +104,13 @@ void QVDChorus::controlPoint(double increment, int voices, bool jump) noexcept
     m_side = glideTo(m_side, m_sideTarget, g);
     m_phase += increment * m_period;
     m_phase -= std::floor(m_phase);
+    aimVoices(m_read, m_step, voices, jump);
+    if (m_fadeLeft > 0)
+        aimVoices(m_readOld, m_stepOld, m_fadeVoices, false);
+}
 
+void QVDChorus::aimVoices(Reads& read, Reads& step, int voices, bool jump) const noexcept
+{
     const float* table = LFO::table(LFO::kSine);
     const double spacing = 1.0 / voices;
     const double delay = m_delay[1], halfDepth = m_halfDepth[1];
@@ -113,44 +123,68 @@ void QVDChorus::controlPoint(double increment, int voices, bool jump) noexcept
             // Delay + depth (1 + lfo) / 2: never outside [delay, delay + depth].
             const double next = std::min(delay + halfDepth * (1.0 + lfo), limit);
             if (jump)
-                m_read[c][v] = next;
-            m_step[c][v] = (next - m_read[c][v]) / m_period;
+                read[c][v] = next;
+            step[c][v] = (next - read[c][v]) / m_period;
         }
 }
 
 template <int voices>
-void QVDChorus::readVoices(int frames, float gain, float (*wet)[kMaxPeriod]) noexcept
+void QVDChorus::readVoices(Reads& read, const Reads& step, int frames, float (*wet)[kMaxPeriod]) const noexcept
 {
+    constexpr float gain = 1.0f / voices;
     for (int c = 0; c < 2; ++c) {
         double at[voices];
         for (int v = 0; v < voices; ++v)
-            at[v] = m_read[c][v];
+            at[v] = read[c][v];
         // Frame k reads as if k frames had been written already. Taking the
         // whole k off is exact, so any block split gives the same reads.
         double written = 0.0;
         for (int k = 0; k < frames; ++k, written += 1.0) {
             float sum = 0.0f;
             for (int v = 0; v < voices; ++v) {
-                at[v] += m_step[c][v];
+                at[v] += step[c][v];
                 sum += m_line.tap(c, at[v] - written);
             }
             wet[c][k] = gain * sum;
         }
         for (int v = 0; v < voices; ++v)
-            m_read[c][v] = at[v];
+            read[c][v] = at[v];
     }
+}
+
+void QVDChorus::readSet(int voices, Reads& read, const Reads& step, int frames,
+                        float (*wet)[kMaxPeriod]) const noexcept
+{
+    switch (voices) {
+    case 1: readVoices<1>(read, step, frames, wet); break;
+    case 2: readVoices<2>(read, step, frames, wet); break;
+    case 3: readVoices<3>(read, step, frames, wet); break;
+    default: readVoices<4>(read, step, frames, wet); break;
+    }
+}
+
+void QVDChorus::fadeVoices(int frames, float (*wet)[kMaxPeriod]) noexcept
+{
+    float old[2][kMaxPeriod];
+    readSet(m_fadeVoices, m_readOld, m_stepOld, frames, old);
+    const double length = m_fadeLength;
+    for (int k = 0; k < frames; ++k) {
+        // Counted in frames from the change, so any block split fades alike.
+        const int done = m_fadeLength - m_fadeLeft + k + 1;
+        const float x = done >= m_fadeLength ? 1.0f : static_cast<float>(0.5 - 0.5 * std::cos(M_PI * done / length));
+        for (int c = 0; c < 2; ++c)
+            wet[c][k] = old[c][k] + x * (wet[c][k] - old[c][k]);
+    }
+    m_fadeLeft = std::max(0, m_fadeLeft - frames);
 }
 
 void QVDChorus::renderSegment(const QVDBlock& block, std::int32_t n, int frames, int voices,
                               const Settings& settings) noexcept
 {
     float wet[2][kMaxPeriod];
-    switch (voices) {
-    case 1: readVoices<1>(frames, settings.voiceGain, wet); break;
-    case 2: readVoices<2>(frames, settings.voiceGain, wet); break;
-    case 3: readVoices<3>(frames, settings.voiceGain, wet); break;
-    default: readVoices<4>(frames, settings.voiceGain, wet); break;
-    }
+    readSet(voices, m_read, m_step, frames, wet);
+    if (m_fadeLeft > 0)
+        fadeVoices(frames, wet);
 
     const float* inL = block.inputs[0] + n;
     const float* inR = (block.inputCount >= 2 ? block.inputs[1] : block.inputs[0]) + n;
@@ -207,8 +241,7 @@ void QVDChorus::render(const QVDBlock& block) noexcept
     const double increment = lfoIncrement(block);
     const float highCut = m_highCut.load(relaxed);
     const bool highCutOn = highCut < kHighCutOff && highCut < 0.45f * static_cast<float>(rate);
-    const Settings settings{.voiceGain = 1.0f / static_cast<float>(voices),
-                            .feedback = m_feedback.load(relaxed),
+    const Settings settings{.feedback = m_feedback.load(relaxed),
                             .lowPass = highCutOn ? std::exp(-2.0 * M_PI * highCut / rate) : 0.0,
                             .mix = m_mix.load(relaxed),
                             .mixGlide = SmoothingCoefficient::shared200ms().a()};
@@ -226,14 +259,18 @@ void QVDChorus::render(const QVDBlock& block) noexcept
     for (std::int32_t n = 0; n < block.frames;) {
         if (m_countdown == 0) {
             // Counted from the stream's start, so any block split gives the same reads.
-            controlPoint(increment, voices, voices != m_voiceCount);
-            m_voiceCount = voices;
+            const bool change = voices != m_voiceCount && m_fadeLeft == 0;
+            if (change) {
+                std::copy(&m_read[0][0], &m_read[0][0] + 2 * kMaxVoices, &m_readOld[0][0]);
+                m_fadeVoices = m_voiceCount;
+                m_fadeLeft = m_fadeLength;
+                m_voiceCount = voices;
+            }
+            controlPoint(increment, m_voiceCount, change);
             m_countdown = m_period;
         }
         const int frames = std::min(m_countdown, block.frames - n);
-        Settings segment = settings;
-        segment.voiceGain = 1.0f / static_cast<float>(m_voiceCount);
-        renderSegment(block, n, frames, m_voiceCount, segment);
+        renderSegment(block, n, frames, m_voiceCount, settings);
         m_countdown -= frames;
         n += frames;
     }

@@ -44,17 +44,23 @@ private:
     // when synced and the host has one, the free rate otherwise.
     double lfoIncrement(const QVDBlock& block) const noexcept;
     // Moves the glided settings and the LFO one control period on and aims
-    // each voice's read ramp at the position they give.
+    // each voice's read ramp at the position they give; during a voice
+    // count fade, the outgoing voices' ramps too.
     void controlPoint(double increment, int voices, bool jump) noexcept;
+    using Reads = double[2][kMaxVoices];
+    void aimVoices(Reads& read, Reads& step, int voices, bool jump) const noexcept;
     // The voices' reads over `frames` frames from `n`, summed per side, then
     // those frames written with feedback, filtered and mixed.
     struct Settings {
-        float voiceGain, feedback;
+        float feedback;
         double lowPass; // the high cut's pole, 0 when off
         double mix, mixGlide;
     };
     template <int voices>
-    void readVoices(int frames, float gain, float (*wet)[kMaxPeriod]) noexcept;
+    void readVoices(Reads& read, const Reads& step, int frames, float (*wet)[kMaxPeriod]) const noexcept;
+    void readSet(int voices, Reads& read, const Reads& step, int frames, float (*wet)[kMaxPeriod]) const noexcept;
+    // Blends the outgoing voices into `wet` while a voice count fade runs.
+    void fadeVoices(int frames, float (*wet)[kMaxPeriod]) noexcept;
     void renderSegment(const QVDBlock& block, std::int32_t n, int frames, int voices,
                        const Settings& settings) noexcept;
 
@@ -81,7 +87,13 @@ private:
     // starts from zero and a jump of the whole range sweeps without a kink.
     double m_delay[2]{}, m_halfDepth[2]{}, m_side = 0.0;
     double m_controlGlide = 0.0; // one-pole coefficient per control period
-    double m_read[2][kMaxVoices]{}, m_step[2][kMaxVoices]{};
+    Reads m_read{}, m_step{};
+    // A voice count change fades from the old count's reads, which carry on
+    // as before, to the new count's over m_fadeLength frames; a change asked
+    // for meanwhile waits for the fade to end.
+    Reads m_readOld{}, m_stepOld{};
+    int m_fadeVoices = 0;
+    int m_fadeLeft = 0, m_fadeLength = 1;
     double m_mixState = 0.5;
     double m_lowPassed[2]{};
 };

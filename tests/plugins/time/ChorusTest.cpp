@@ -216,6 +216,9 @@ TEST(Chorus, DelayAndDepthStepsGlideWithoutClicks)
     EXPECT_LT(worstCurvature("DEPTH", 0.0f, 10.0f), 26.0);
     // The spread moves the right voices' LFO phases.
     EXPECT_LT(worstCurvature("SPREAD", 0.0f, 100.0f), 26.0);
+    // A new voice count fades in over the old one's reads, which carry on.
+    EXPECT_LT(worstCurvature("VOICES", 0.0f, 3.0f), 26.0);
+    EXPECT_LT(worstCurvature("VOICES", 1.0f, 2.0f), 26.0);
 }
 
 TEST(Chorus, ReadsRampBetweenControlPointsWithoutZipper)
