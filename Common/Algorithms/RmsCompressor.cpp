@@ -1,5 +1,7 @@
 #include "RmsCompressor.h"
 
+#include <algorithm>
+
 #include <cfloat>
 #include <cmath>
 
@@ -140,6 +142,15 @@ void RmsCompressor::reset()
     m_restart = true;
     m_envelopeOut.store(static_cast<float>(m_envelope), std::memory_order_relaxed);
     m_lastGain.store(0.0f, std::memory_order_relaxed);
+}
+
+void RmsCompressor::resumeFrom(const double* meanSquares, std::int32_t count, double envelope, bool restart) noexcept
+{
+    m_meanSquare.fill(0.0);
+    std::copy_n(meanSquares, std::clamp(count, 0, kMaxChannels), m_meanSquare.begin());
+    m_envelope = envelope;
+    m_restart = restart;
+    m_envelopeOut.store(static_cast<float>(m_envelope), std::memory_order_relaxed);
 }
 
 float RmsCompressor::readOut(std::uint32_t index) const

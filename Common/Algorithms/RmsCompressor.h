@@ -81,6 +81,16 @@ public:
     float makeup() const { return m_makeup.load(std::memory_order_relaxed); }
     // [any-thread] Current envelope in log10 units.
     float envelope() const { return m_envelopeOut.load(std::memory_order_relaxed); }
+    // [not while processing] The detector's state, for handing it over:
+    // channel c's mean square, the envelope, and whether the envelope is to
+    // restart at the lower edge.
+    double meanSquare(std::int32_t c) const noexcept { return m_meanSquare[static_cast<std::size_t>(c)]; }
+    double envelopeState() const noexcept { return m_envelope; }
+    bool restarting() const noexcept { return m_restart; }
+    // [not while processing] Carries on from another detector's state: the
+    // first `count` channels' mean squares (the rest start at 0) and the
+    // envelope, so a change of linking keeps the gain reduction it had.
+    void resumeFrom(const double* meanSquares, std::int32_t count, double envelope, bool restart) noexcept;
     // [not while processing] Kernel variant; the fastest one by default.
     void setVariant(const qvd::dynamics::Variant& variant) { m_variant = variant; }
     const char* variantName() const { return m_variant.name; }

@@ -404,13 +404,30 @@ void QVDMultiBandCompressor::render(const QVDBlock& block) noexcept
             applyBandSettings(b, rate);
 
     if (linked != m_linkedInForce) {
-        // The other detector has not been listening: it starts from rest.
+        // The other detection has not been listening: it takes over where the
+        // one in force is, so the gain reduction carries on instead of
+        // letting go. Linked follows the loudest channel's envelope.
         for (int b = 0; b < kMaxBands; ++b) {
-            if (linked)
-                m_linkedComp[static_cast<std::size_t>(b)]->reset();
-            else
-                for (auto& c : m_channelComp[static_cast<std::size_t>(b)])
-                    c->reset();
+            RmsCompressor& shared = *m_linkedComp[static_cast<std::size_t>(b)];
+            auto& own = m_channelComp[static_cast<std::size_t>(b)];
+            if (linked) {
+                double meanSquares[kMaxChannels];
+                double envelope = own[0]->envelopeState();
+                bool restart = true;
+                for (std::int32_t c = 0; c < channels; ++c) {
+                    const RmsCompressor& from = *own[static_cast<std::size_t>(c)];
+                    meanSquares[c] = from.meanSquare(0);
+                    envelope = std::max(envelope, from.envelopeState());
+                    restart = restart && from.restarting();
+                }
+                shared.resumeFrom(meanSquares, channels, envelope, restart);
+            } else {
+                for (std::int32_t c = 0; c < kMaxChannels; ++c) {
+                    const double meanSquare = c < channels ? shared.meanSquare(c) : 0.0;
+                    own[static_cast<std::size_t>(c)]->resumeFrom(&meanSquare, 1, shared.envelopeState(),
+                                                                 shared.restarting());
+                }
+            }
         }
         m_linkedInForce = linked;
     }

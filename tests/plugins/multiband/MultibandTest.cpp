@@ -271,6 +271,32 @@ TEST(MultibandCompressor, LinkedDetectionTurnsDownTheQuietChannelToo)
     }
 }
 
+TEST(MultibandCompressor, SwitchingDetectionKeepsTheGainReduction)
+{
+    // Both channels 20 dB over a 4:1 threshold: 15 dB of reduction either
+    // way. Switching the detection mid-stream must not let go of it.
+    const Signal in = sine(2, 96000, 1000.0, kRate, peakFor(-10.0));
+    for (const bool linkedFirst : {true, false}) {
+        PluginFixture f(kKey);
+        ASSERT_TRUE(f.prepare(kRate, 480, 2));
+        f.set("BANDS", 1.0f);
+        f.set("BAND1_THRESHOLD", -30.0f);
+        f.set("BAND1_RATIO", 4.0f);
+        f.set("BAND1_KNEE", 0.0f);
+        f.set("LINK", linkedFirst ? 1.0f : 0.0f);
+        const Signal out = f.run(in);
+        f.set("LINK", linkedFirst ? 0.0f : 1.0f);
+        const Signal after = f.run(in);
+        for (int c = 0; c < 2; ++c) {
+            EXPECT_NEAR(dB(rms(out[c], 72000)) - dB(rms(in[c], 72000)), -15.0, 0.2);
+            // Every 10 ms after the switch, for half a second.
+            for (std::size_t at = 0; at < 24000; at += 480)
+                ASSERT_NEAR(dB(rms(after[c], at, at + 480)) - dB(rms(in[c], at, at + 480)), -15.0, 0.5)
+                    << (linkedFirst ? "to per channel" : "to linked") << ", channel " << c << " at " << at;
+        }
+    }
+}
+
 TEST(MultibandCompressor, OddChannelsMatchPairedOnes)
 {
     // Channels run in pairs; the third runs alone and must not sound different.
