@@ -76,10 +76,15 @@ std::vector<float> qvdBuildValueTable(const std::vector<QVDTaperSegment>& segmen
 // Step as stored in an entry: exactly 0 becomes 1, below 0.0001 becomes 0.0001.
 float qvdNormalizedStep(float step);
 
-// Choice index of a list value: truncate(value + 0.5).
+// Choice index of a list value: truncate(value + 0.5). Values past the int
+// range saturate and NaN gives 0: hosts may send anything, and the plain
+// conversion is undefined there.
 inline std::int32_t qvdListIndex(float value)
 {
-    return static_cast<std::int32_t>(value + 0.5f);
+    const float x = value + 0.5f;
+    if (x >= -2147483648.0f && x < 2147483648.0f)
+        return static_cast<std::int32_t>(x);
+    return x > 0.0f ? INT32_MAX : x < 0.0f ? INT32_MIN : 0;
 }
 // A switch is on when its list index is 1.
 inline bool qvdSwitchOn(float value)

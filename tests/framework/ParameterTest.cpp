@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include <QVDParameter.h>
 
@@ -66,6 +67,12 @@ TEST(ParameterEntry, ListValuesRoundHalfUp)
     EXPECT_TRUE(qvdSwitchOn(0.5f));
     EXPECT_FALSE(qvdSwitchOn(0.49f));
     EXPECT_FALSE(qvdSwitchOn(1.5f));
+    // Whatever a host sends: saturated, and NaN as the first choice.
+    EXPECT_EQ(qvdListIndex(-1.7e32f), INT32_MIN);
+    EXPECT_EQ(qvdListIndex(3e9f), INT32_MAX);
+    EXPECT_EQ(qvdListIndex(std::numeric_limits<float>::infinity()), INT32_MAX);
+    EXPECT_EQ(qvdListIndex(std::numeric_limits<float>::quiet_NaN()), 0);
+    EXPECT_FALSE(qvdSwitchOn(-1e30f));
 }
 
 TEST(ParameterEntry, InfoCarriesEveryField)
