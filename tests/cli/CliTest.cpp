@@ -14,6 +14,8 @@
 #include <QJsonObject>
 #include <sndfile.h>
 
+#include "WavFile.h"
+
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -160,27 +162,8 @@ struct Child {
     int input = -1;
 };
 
-struct Audio {
-    int rate = 0;
-    int channels = 0;
-    std::vector<float> samples; // interleaved
-    std::size_t frames() const { return channels ? samples.size() / static_cast<std::size_t>(channels) : 0; }
-};
-
-Audio readAudio(const fs::path& path)
-{
-    Audio a;
-    SF_INFO info{};
-    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
-    if (!f)
-        return a;
-    a.rate = info.samplerate;
-    a.channels = info.channels;
-    a.samples.resize(static_cast<std::size_t>(info.frames * info.channels));
-    sf_readf_float(f, a.samples.data(), info.frames);
-    sf_close(f);
-    return a;
-}
+using qvd::test::wav::Audio;
+constexpr auto readAudio = &qvd::test::wav::read;
 
 // A folder of its own per test, removed afterwards.
 struct CliTest : testing::Test {

@@ -7,7 +7,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <sndfile.h>
+#include "WavFile.h"
 
 #include <algorithm>
 #include <cmath>
@@ -58,39 +58,9 @@ std::string contents(const fs::path& path)
     return std::string((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
 }
 
-struct Audio {
-    int rate = 48000;
-    int channels = 2;
-    std::vector<float> samples; // interleaved
-    std::size_t frames() const { return samples.size() / static_cast<std::size_t>(channels); }
-};
-
-Audio readAudio(const fs::path& path)
-{
-    Audio a;
-    SF_INFO info{};
-    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
-    if (!f)
-        return {0, 0, {}};
-    a.rate = info.samplerate;
-    a.channels = info.channels;
-    a.samples.resize(static_cast<std::size_t>(info.frames * info.channels));
-    sf_readf_float(f, a.samples.data(), info.frames);
-    sf_close(f);
-    return a;
-}
-
-void writeAudio(const fs::path& path, const Audio& a)
-{
-    SF_INFO info{};
-    info.samplerate = a.rate;
-    info.channels = a.channels;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
-    ASSERT_NE(f, nullptr) << sf_strerror(nullptr);
-    sf_writef_float(f, a.samples.data(), static_cast<sf_count_t>(a.frames()));
-    sf_close(f);
-}
+using qvd::test::wav::Audio;
+constexpr auto readAudio = &qvd::test::wav::read;
+constexpr auto writeAudio = &qvd::test::wav::write;
 
 // A sine per channel: `peakDb` dBFS peak, `hz`, starting at `phase`.
 void appendSine(Audio& a, double seconds, double hz, std::vector<double> peakDb, double phase = 0.0)

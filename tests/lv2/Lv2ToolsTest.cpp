@@ -15,11 +15,10 @@
 #include <set>
 #include <sstream>
 
-#include <sndfile.h>
-
 #include <gtest/gtest.h>
 
 #include "Lv2Fixture.h"
+#include "WavFile.h"
 
 namespace qvdtest {
 namespace {
@@ -175,37 +174,8 @@ TEST(Lv2Tools, AMissingLibraryOrBadArgumentsFailClearly)
     EXPECT_NE(usage.err.find("usage:"), std::string::npos) << usage.err;
 }
 
-Signal readWav(const fs::path& path)
-{
-    SF_INFO info{};
-    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
-    if (!f)
-        return {};
-    std::vector<float> interleaved(static_cast<std::size_t>(info.frames * info.channels));
-    sf_readf_float(f, interleaved.data(), info.frames);
-    sf_close(f);
-    Signal s(static_cast<std::size_t>(info.channels), std::vector<float>(static_cast<std::size_t>(info.frames)));
-    for (std::size_t i = 0; i < s[0].size(); ++i)
-        for (std::size_t c = 0; c < s.size(); ++c)
-            s[c][i] = interleaved[i * s.size() + c];
-    return s;
-}
-
-void writeWav(const fs::path& path, const Signal& s, int rate)
-{
-    SF_INFO info{};
-    info.samplerate = rate;
-    info.channels = static_cast<int>(s.size());
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
-    ASSERT_NE(f, nullptr) << path;
-    std::vector<float> interleaved(s[0].size() * s.size());
-    for (std::size_t i = 0; i < s[0].size(); ++i)
-        for (std::size_t c = 0; c < s.size(); ++c)
-            interleaved[i * s.size() + c] = s[c][i];
-    sf_writef_float(f, interleaved.data(), static_cast<sf_count_t>(s[0].size()));
-    sf_close(f);
-}
+constexpr auto readWav = &qvd::test::wav::readPlanar;
+constexpr auto writeWav = &qvd::test::wav::writePlanar;
 
 // A file for hosts that map file channels to every audio input in port
 // order: `main` followed by the side-chain channels `key` (silence when empty).

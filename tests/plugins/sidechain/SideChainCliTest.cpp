@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include <sndfile.h>
+#include "WavFile.h"
 
 #include <algorithm>
 #include <cmath>
@@ -39,39 +39,14 @@ Result qvdfx(const std::string& arguments)
     return r;
 }
 
-using Planar = std::vector<std::vector<float>>;
+using qvd::test::wav::Planar;
 
 void writeWav(const fs::path& path, const Planar& x, int rate = kRate)
 {
-    SF_INFO info{};
-    info.samplerate = rate;
-    info.channels = static_cast<int>(x.size());
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    SNDFILE* f = sf_open(path.c_str(), SFM_WRITE, &info);
-    ASSERT_NE(f, nullptr) << path;
-    std::vector<float> interleaved(x[0].size() * x.size());
-    for (std::size_t n = 0; n < x[0].size(); ++n)
-        for (std::size_t c = 0; c < x.size(); ++c)
-            interleaved[n * x.size() + c] = x[c][n];
-    sf_writef_float(f, interleaved.data(), static_cast<sf_count_t>(x[0].size()));
-    sf_close(f);
+    qvd::test::wav::writePlanar(path, x, rate);
 }
 
-Planar readWav(const fs::path& path)
-{
-    SF_INFO info{};
-    SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);
-    if (!f)
-        return {};
-    std::vector<float> interleaved(static_cast<std::size_t>(info.frames * info.channels));
-    sf_readf_float(f, interleaved.data(), info.frames);
-    sf_close(f);
-    Planar x(static_cast<std::size_t>(info.channels), std::vector<float>(static_cast<std::size_t>(info.frames)));
-    for (std::size_t n = 0; n < x[0].size(); ++n)
-        for (std::size_t c = 0; c < x.size(); ++c)
-            x[c][n] = interleaved[n * x.size() + c];
-    return x;
-}
+constexpr auto readWav = &qvd::test::wav::readPlanar;
 
 class SideChainCli : public testing::Test {
 protected:
