@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -105,6 +106,28 @@ TEST(Lv2Tools, Lv2lsListsEveryVariantAndWarnsAboutNothing)
     for (const auto& v : catalog())
         expected.insert(v.uri);
     EXPECT_EQ(listed, expected);
+}
+
+// lilv's own benchmark instantiates and runs each plugin with every port
+// connected, at a block length of its choosing: one line per plugin.
+TEST(Lv2Tools, Lv2benchRunsEveryVariant)
+{
+    const Output bench = shell("lv2bench -n 4800 -b 64");
+    ASSERT_EQ(bench.status, 0) << bench.err;
+    EXPECT_EQ(complaints(bench.err), "");
+    std::map<std::string, double> seconds;
+    std::istringstream lines(bench.out);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream fields(line);
+        double s = -1.0;
+        std::string uri;
+        if (fields >> s >> uri)
+            seconds[uri] = s;
+    }
+    for (const auto& v : catalog()) {
+        ASSERT_TRUE(seconds.count(v.uri)) << v.uri << " was not run:\n" << bench.out;
+        EXPECT_TRUE(std::isfinite(seconds[v.uri]) && seconds[v.uri] > 0.0) << v.uri;
+    }
 }
 
 TEST(Lv2Tools, Lv2infoShowsEveryPortWithoutWarnings)
