@@ -238,9 +238,12 @@ void QVDLoudnessMeter::render(const QVDBlock& block) noexcept
         m_truePeaks.reset(); // history from before it was switched off is stale
     m_truePeakWasOn = truePeak;
     if (truePeak) {
+        // The interpolator's taps at the samples' own instants do not give
+        // the samples back exactly, so on a lone click it can read a little
+        // under them; the true peak is never below the sample peak.
         for (std::int32_t c = 0; c < measured; ++c) {
             float& level = m_truePeakLevels[static_cast<std::size_t>(c)];
-            level = std::max(level, m_truePeaks.process(c, block.outputs[c], frames));
+            level = std::max({level, m_truePeaks.process(c, block.outputs[c], frames), block.outputPeak[c]});
         }
     }
     publish();

@@ -172,6 +172,20 @@ TEST(LoudnessMeter, PeaksPerChannelInDecibels)
     f.run(in);
     EXPECT_EQ(readout(f, "True Peak", 0), -std::numeric_limits<double>::infinity()) << "switched off, measured nothing";
     EXPECT_NEAR(readout(f, "Sample Peak", 0), -3.01, 0.01);
+
+    // Lone clicks, where the interpolator alone reads a little under the
+    // sample: the true peak never reads under the sample peak.
+    Signal clicks = silence(2, 4800);
+    clicks[0][1000] = 0.5f;
+    clicks[1][2001] = -0.25f;
+    PluginFixture g(kKey);
+    ASSERT_TRUE(g.prepare(rate, 256, 2));
+    g.run(clicks);
+    for (int c = 0; c < 2; ++c) {
+        EXPECT_NEAR(readout(g, "Sample Peak", c), c == 0 ? -6.02 : -12.04, 0.01);
+        EXPECT_GE(readout(g, "True Peak", c), readout(g, "Sample Peak", c)) << c;
+        EXPECT_LT(readout(g, "True Peak", c), readout(g, "Sample Peak", c) + 0.5) << c;
+    }
 }
 
 TEST(LoudnessMeter, ResetStartsAFreshMeasurementAndTheTargetSetsTheDeviation)
