@@ -173,6 +173,7 @@ void connectPort(LV2_Handle handle, uint32_t port, void* data)
     case PortRole::Parameter:
         self->controls[slot] = static_cast<const float*>(data);
         self->watched[slot] = data ? data : &self->lastBits[slot];
+        self->controlsKnown = false;
         break;
     case PortRole::Enabled: self->enabled = static_cast<const float*>(data); break;
     case PortRole::Latency: self->latency = static_cast<float*>(data); break;
@@ -204,18 +205,10 @@ std::uint32_t wordAt(const void* port)
     return bits;
 }
 
-// True when a port moved.
-bool applyControls(Lv2Plugin& self, bool mayCallSetter)
+// Hands the moved ports to the plugin; out of line, as most runs move none.
+[[gnu::noinline]] void applyMoved(Lv2Plugin& self, bool mayCallSetter)
 {
-    // Most runs move no control: one pass that only gathers differences,
-    // with no branch per port, says so, and is all a run then pays.
-    const std::size_t count = self.watched.size();
-    std::uint32_t moved = 0;
-    for (std::size_t k = 0; k < count; ++k)
-        moved |= wordAt(self.watched[k]) ^ self.lastBits[k];
-    if (!moved)
-        return false;
-    for (std::size_t k = 0; k < count; ++k) {
+    for (std::size_t k = 0; k < self.watched.size(); ++k) {
         const std::uint32_t bits = wordAt(self.watched[k]);
         if (bits == self.lastBits[k])
             continue;
@@ -226,6 +219,40 @@ bool applyControls(Lv2Plugin& self, bool mayCallSetter)
             self.seen[k].store(bits, std::memory_order_relaxed);
         }
     }
+}
+
+const float* controlRowOf(const Lv2Plugin& self)
+{
+    const auto& c = self.controls;
+    for (std::size_t k = 0; k < c.size(); ++k)
+        if (!c[k] || c[k] != c[0] + k)
+            return nullptr;
+    return c.empty() ? nullptr : c[0];
+}
+
+// True when a port moved.
+inline bool applyControls(Lv2Plugin& self, bool mayCallSetter)
+{
+    if (!self.controlsKnown) {
+        self.controlRow = controlRowOf(self);
+        self.controlsKnown = true;
+    }
+    // Most runs move no control: one pass that only gathers differences,
+    // with no branch per port, says so, and is all a run then pays.
+    const std::uint32_t* last = self.lastBits.data();
+    const std::size_t count = self.lastBits.size();
+    std::uint32_t moved = 0;
+    if (self.controlRow) {
+        for (std::size_t k = 0; k < count; ++k)
+            moved |= wordAt(self.controlRow + k) ^ last[k];
+    } else {
+        const void* const* watched = self.watched.data();
+        for (std::size_t k = 0; k < count; ++k)
+            moved |= wordAt(watched[k]) ^ last[k];
+    }
+    if (!moved)
+        return false;
+    applyMoved(self, mayCallSetter);
     return true;
 }
 
@@ -363,15 +390,18 @@ bool SideChainPorts::fetchAudio(std::uint64_t, const char* source, std::int64_t 
                                 std::int32_t channelCount, std::int32_t frames)
 {
     const Lv2Plugin& self = m_owner;
-    if (!source || std::strcmp(source, qvd::kSourceSideChain) != 0 || self.sideChains.empty())
+    // Cheapest first: a host that leaves the key unconnected is asked every block.
+    if (self.sideChains.empty())
+        return false;
+    for (const float* port : self.sideChains)
+        if (!port)
+            return false;
+    if (!source || std::strcmp(source, qvd::kSourceSideChain) != 0)
         return false;
     // Frames of the run in progress only; the pre-roll after a reset has no position.
     const std::int64_t offset = position - self.runStart;
     if (position < 0 || offset < 0 || offset + frames > self.runFrames)
         return false;
-    for (const float* port : self.sideChains)
-        if (!port)
-            return false;
     const auto last = self.sideChains.size() - 1;
     for (std::int32_t c = 0; c < channelCount; ++c)
         std::memcpy(channels[c], self.sideChains[std::min(static_cast<std::size_t>(c), last)] + offset,

@@ -63,6 +63,11 @@ struct Lv2Plugin {
     // lastBits, which then never differs.
     std::vector<std::uint32_t> lastBits;
     std::vector<const void*> watched;
+    // When the host keeps the control ports side by side in one array, as
+    // most do, their first; compared as a row. Worked out again at the first
+    // run after the host connects a control port.
+    const float* controlRow = nullptr;
+    bool controlsKnown = false;
     std::vector<std::int32_t> parameterIndex;
     std::vector<LV2_URID> stateKeys;
     const float* enabled = nullptr;

@@ -103,7 +103,7 @@ Lv2Instance::Lv2Instance(LilvHost& host, const std::string& uri, double rate, st
     LilvNode* audio = lilv_new_uri(w, LV2_CORE__AudioPort);
     LilvNode* control = lilv_new_uri(w, LV2_CORE__ControlPort);
     LilvNode* input = lilv_new_uri(w, LV2_CORE__InputPort);
-    LilvNode* sideChain = lilv_new_uri(w, LV2_CORE_PREFIX "isSideChain");
+    LilvNode* isSideChain = lilv_new_uri(w, LV2_CORE_PREFIX "isSideChain");
     const std::uint32_t count = lilv_plugin_get_num_ports(p);
     std::vector<float> defaults(count);
     lilv_plugin_get_port_ranges_float(p, nullptr, nullptr, defaults.data());
@@ -112,7 +112,7 @@ Lv2Instance::Lv2Instance(LilvHost& host, const std::string& uri, double rate, st
         const LilvPort* port = lilv_plugin_get_port_by_index(p, i);
         m_symbols[lilv_node_as_string(lilv_port_get_symbol(p, port))] = i;
         const bool in = lilv_port_is_a(p, port, input);
-        if (lilv_port_is_a(p, port, audio) && in && lilv_port_has_property(p, port, sideChain))
+        if (lilv_port_is_a(p, port, audio) && in && lilv_port_has_property(p, port, isSideChain))
             m_sideChainIn.push_back(i);
         else if (lilv_port_is_a(p, port, audio))
             (in ? m_audioIn : m_audioOut).push_back(i);
@@ -123,7 +123,7 @@ Lv2Instance::Lv2Instance(LilvHost& host, const std::string& uri, double rate, st
     lilv_node_free(audio);
     lilv_node_free(control);
     lilv_node_free(input);
-    lilv_node_free(sideChain);
+    lilv_node_free(isSideChain);
 
     m_featureStore.push_back({LV2_URID__map, host.urids().feature()});
     if (maxBlock > 0) {
@@ -188,6 +188,11 @@ void Lv2Instance::set(const std::string& symbol, float value)
 float Lv2Instance::get(const std::string& symbol) const
 {
     return m_values.at(m_symbols.at(symbol));
+}
+
+void Lv2Instance::connectControl(const std::string& symbol, float* value)
+{
+    lilv_instance_connect_port(m_instance, m_symbols.at(symbol), value);
 }
 
 std::vector<std::string> Lv2Instance::parameterSymbols() const

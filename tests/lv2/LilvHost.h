@@ -79,6 +79,10 @@ public:
     // Control ports by symbol: input values to set, output values to read.
     void set(const std::string& symbol, float value);
     float get(const std::string& symbol) const;
+    // Connects a control port to storage of the caller's instead, as hosts
+    // that keep each port's value in its own object do; set() and get() no
+    // longer reach it.
+    void connectControl(const std::string& symbol, float* value);
     // Symbols of the control inputs that are plugin parameters (not "enabled").
     std::vector<std::string> parameterSymbols() const;
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -229,6 +230,42 @@ TEST_P(Lv2Variant, MetersReadTheInputLevelInDecibels)
     lv2.process(sine, {512});
     for (int c = 1; c <= v().inputs; ++c)
         EXPECT_NEAR(lv2.get("meter_input_" + std::to_string(c)), -6.02, 0.05) << "channel " << c;
+}
+
+// Hosts keep control values side by side in one array (the wrapper then
+// compares them as a row) or each in its own place: both are followed.
+TEST(Lv2Controls, PortsAnywhereInTheHostsMemoryAreFollowed)
+{
+    const std::string uri = "urn:qvd:lv2:stereo-width-1364608115#stereo";
+    Signal in = noise(2, 48000, 9);
+    in[1] = in[0];
+    // The side signal's level in dBFS over the last 0.1 s, whatever the glide.
+    const auto sideDb = [](const Signal& x) {
+        double sum = 0.0;
+        for (std::size_t n = 43200; n < x[0].size(); ++n)
+            sum += std::pow(0.5 * (static_cast<double>(x[0][n]) - x[1][n]), 2.0);
+        return 10.0 * std::log10(sum / 4800.0 + 1e-30);
+    };
+    for (const bool ownPlace : {false, true}) {
+        Lv2Instance lv2(host(), uri, 48000, 512);
+        ASSERT_TRUE(lv2.valid());
+        // Not the first control: a row compare starts there.
+        auto invert = std::make_unique<float>(0.0f);
+        if (ownPlace)
+            lv2.connectControl("INVERT_R", invert.get());
+        for (const float on : {1.0f, 0.0f, 1.0f}) {
+            if (ownPlace)
+                *invert = on;
+            else
+                lv2.set("INVERT_R", on);
+            // Equal channels have no side until one is inverted.
+            const double db = sideDb(lv2.process(in, {512}));
+            if (on > 0.0f)
+                EXPECT_NEAR(db, 10.0 * std::log10(std::pow(0.25, 2.0) / 3.0), 0.5) << (ownPlace ? "own place" : "row");
+            else
+                EXPECT_LT(db, -100.0) << (ownPlace ? "own place" : "row");
+        }
+    }
 }
 
 // Meters go out at least every 5 ms of audio, not every run: with 64-frame
