@@ -73,7 +73,8 @@ lv2_in_jalv() {
   jack_metro -n metro -b 600 -f 1000 -A 0.5 -D 99 -a 1 -d 1 >/dev/null 2>&1 &
   metro_pid=$!
   for uri in $(lv2ls); do
-    inputs=$(lv2info "$uri" | grep -A1 'AudioPort' | grep -c 'InputPort' || true)
+    # Main inputs only: a side-chain input (sc_N) is left unconnected.
+    inputs=$(lv2info "$uri" | grep -cE 'Symbol: +in_[0-9]+$' || true)
     out=$( (sleep 1
             for n in $(seq 1 "$inputs"); do jack_connect metro:600_bpm "qvdjalv:in_$n"; done
             sleep 3; echo monitors; sleep 1) | timeout 20 jalv -x -n qvdjalv "$uri" 2>&1)
