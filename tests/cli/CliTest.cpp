@@ -14,6 +14,7 @@
 #include <QJsonObject>
 #include <sndfile.h>
 
+#include "CommandLine.h"
 #include "WavFile.h"
 
 #include <cerrno>
@@ -33,33 +34,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string output; // stdout and stderr together
-};
+using Result = qvd::test::CommandResult;
+using qvd::test::runCommand;
 
 const std::string kQvdfx = QVDFX_PATH;
-
-// Runs a shell command line; `output` holds what it prints on stdout.
-Result run(const std::string& commandLine)
-{
-    Result r;
-    FILE* pipe = popen(commandLine.c_str(), "r");
-    if (!pipe)
-        return r;
-    char buffer[4096];
-    while (std::fgets(buffer, sizeof buffer, pipe))
-        r.output += buffer;
-    const int rc = pclose(pipe);
-    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-    return r;
-}
 
 // Runs qvdfx; `output` holds stdout and stderr together, or stdout alone for
 // machine-readable output (debug builds print diagnostics on stderr).
 Result qvdfx(const std::string& arguments, bool stdoutOnly = false)
 {
-    return run(kQvdfx + " " + arguments + (stdoutOnly ? " 2>/dev/null" : " 2>&1"));
+    return runCommand(kQvdfx + " " + arguments + (stdoutOnly ? " 2>/dev/null" : " 2>&1"));
 }
 
 std::string contents(const fs::path& path)
@@ -167,15 +151,9 @@ constexpr auto readAudio = &qvd::test::wav::read;
 
 // A folder of its own per test, removed afterwards.
 struct CliTest : testing::Test {
-    void SetUp() override
-    {
-        dir = fs::temp_directory_path() /
-              ("qvdfx_cli_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()));
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-    std::string path(const std::string& name) const { return (dir / name).string(); }
+    qvd::test::TestFolder scratch{"qvdfx_cli_"};
+    const fs::path dir = scratch.dir();
+    std::string path(const std::string& name) const { return scratch.path(name); }
     // Nothing but the named files in the folder: no partial or temporary output.
     void expectOnly(std::vector<std::string> names, const fs::path& folder = {}) const
     {
@@ -191,7 +169,6 @@ struct CliTest : testing::Test {
         const Result r = qvdfx("gen " + path(name) + " " + arguments);
         ASSERT_EQ(r.status, 0) << r.output;
     }
-    fs::path dir;
 };
 
 TEST_F(CliTest, GainOfSixDecibelsWithoutSmoothingIsExact)
@@ -234,7 +211,7 @@ TEST_F(CliTest, InfoReportsTheKernelsAndIsaForcesALevel)
     const std::string eq = " -p Gain --set GAIN=-4 -p \"Tarnwick EQ\" --set BAND_GAIN_2=6 --set BAND_GAIN_4=-5";
     ASSERT_EQ(qvdfx("process " + path("in.wav") + " " + path("fast.wav") + eq).status, 0);
     ASSERT_EQ(qvdfx("--isa none process " + path("in.wav") + " " + path("ref.wav") + eq).status, 0);
-    ASSERT_EQ(run("QVD_ISA=sse2 " + kQvdfx + " process " + path("in.wav") + " " + path("sse2.wav") + eq).status, 0);
+    ASSERT_EQ(runCommand("QVD_ISA=sse2 " + kQvdfx + " process " + path("in.wav") + " " + path("sse2.wav") + eq).status, 0);
     const Audio fast = readAudio(path("fast.wav"));
     ASSERT_FALSE(fast.samples.empty());
     EXPECT_EQ(fast.samples, readAudio(path("ref.wav")).samples);
@@ -612,16 +589,16 @@ TEST_F(CliTest, RangeEndsAreAcceptedAsParamsPrintsThem)
 
 TEST_F(CliTest, WavStreamsComeAndGoThroughPipes)
 {
-    ASSERT_EQ(run("command -v sox >/dev/null").status, 0) << "sox is missing: run scripts/setup.sh";
+    ASSERT_EQ(runCommand("command -v sox >/dev/null").status, 0) << "sox is missing: run scripts/setup.sh";
     const std::string tone = "sox -D -n -r 44100 -c 2 -b 16 -t wav - synth 0.5 sine 440";
     const std::string gain = " -p Gain --set GAIN=-6 --smoothing off --format pcm24 --quiet";
     // sox streams into qvdfx and qvdfx into sox: the same as through files
     // (in 24-bit PCM, which sox carries exactly; it rounds floats).
     const std::string pipeline =
         tone + " 2>/dev/null | " + kQvdfx + " process - -" + gain + " | sox -t wav - " + path("piped.wav") + " 2>&1";
-    const Result piping = run(pipeline);
+    const Result piping = runCommand(pipeline);
     ASSERT_EQ(piping.status, 0) << piping.output;
-    ASSERT_EQ(run(tone + " > " + path("tone.wav")).status, 0);
+    ASSERT_EQ(runCommand(tone + " > " + path("tone.wav")).status, 0);
     ASSERT_EQ(qvdfx("process " + path("tone.wav") + " " + path("filed.wav") + gain).status, 0);
     const Audio piped = readAudio(path("piped.wav")), filed = readAudio(path("filed.wav"));
     EXPECT_EQ(piped.frames(), 22050u);
@@ -632,7 +609,7 @@ TEST_F(CliTest, WavStreamsComeAndGoThroughPipes)
     for (const std::uint32_t size : {0xFFFFFFFFu, 0u}) {
         std::ofstream(path("stream.wav"), std::ios::binary) << wavStream(source.samples, 44100, 2, size);
         const std::string bypass = " -p Gain --bypass --quiet";
-        ASSERT_EQ(run("cat " + path("stream.wav") + " | " + kQvdfx + " process - " + path("a.wav") + bypass).status, 0);
+        ASSERT_EQ(runCommand("cat " + path("stream.wav") + " | " + kQvdfx + " process - " + path("a.wav") + bypass).status, 0);
         ASSERT_EQ(qvdfx("process " + path("stream.wav") + " " + path("b.wav") + bypass).status, 0);
         EXPECT_EQ(readAudio(path("a.wav")).samples, source.samples) << size;
         EXPECT_EQ(readAudio(path("b.wav")).samples, source.samples) << size;
@@ -641,7 +618,7 @@ TEST_F(CliTest, WavStreamsComeAndGoThroughPipes)
     }
     // Standard output redirected to a file is a whole WAV file.
     const std::string redirected = kQvdfx + " process " + path("tone.wav") + " - -p Gain --bypass --quiet";
-    ASSERT_EQ(run(redirected + " > " + path("c.wav")).status, 0);
+    ASSERT_EQ(runCommand(redirected + " > " + path("c.wav")).status, 0);
     EXPECT_EQ(readAudio(path("c.wav")).samples, source.samples);
 }
 
@@ -680,7 +657,7 @@ TEST_F(CliTest, DevicesPipesAndSymlinksAreWrittenThroughNotReplaced)
 
     // A named pipe gets a stream its reader takes whole.
     ASSERT_EQ(mkfifo(path("fifo").c_str(), 0644), 0);
-    const Result r = run("timeout 60 cat " + path("fifo") + " > " + path("copy.wav") + " & " + kQvdfx + " process " +
+    const Result r = runCommand("timeout 60 cat " + path("fifo") + " > " + path("copy.wav") + " & " + kQvdfx + " process " +
                          in + " " + path("fifo") + " -p Gain --bypass 2>&1; wait");
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_EQ(fs::symlink_status(path("fifo")).type(), fs::file_type::fifo);

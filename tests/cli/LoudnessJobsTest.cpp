@@ -1,12 +1,12 @@
 // qvdfx measure, loudnorm and the readouts of process --meters, end to end:
 // the built binary on files made here, read back as a user would.
-#include <sys/wait.h>
 
 #include <gtest/gtest.h>
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include "CommandLine.h"
 #include "WavFile.h"
 
 #include <algorithm>
@@ -23,25 +23,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Result {
-    int status = -1;
-    std::string output;
-};
+using Result = qvd::test::CommandResult;
 
 // qvdfx with stdout alone in `output` (debug builds talk on stderr), or
 // both streams when `withErrors`.
 Result qvdfx(const std::string& arguments, bool withErrors = false)
 {
-    Result r;
-    FILE* pipe = popen((std::string(QVDFX_PATH) + " " + arguments + (withErrors ? " 2>&1" : " 2>/dev/null")).c_str(), "r");
-    if (!pipe)
-        return r;
-    char buffer[4096];
-    while (std::fgets(buffer, sizeof buffer, pipe))
-        r.output += buffer;
-    const int rc = pclose(pipe);
-    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-    return r;
+    return qvd::test::runCommand(std::string(QVDFX_PATH) + " " + arguments + (withErrors ? " 2>&1" : " 2>/dev/null"));
 }
 
 QJsonObject parse(const std::string& text)
@@ -81,15 +69,9 @@ double number(const QJsonObject& o, const char* key)
 }
 
 struct LoudnessJobs : testing::Test {
-    void SetUp() override
-    {
-        dir = fs::temp_directory_path() /
-              ("qvdfx_loudness_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()));
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-    std::string path(const std::string& name) const { return (dir / name).string(); }
+    qvd::test::TestFolder scratch{"qvdfx_loudness_"};
+    const fs::path dir = scratch.dir();
+    std::string path(const std::string& name) const { return scratch.path(name); }
     QJsonObject measure(const std::string& name)
     {
         const Result r = qvdfx("measure --json " + path(name));
@@ -104,7 +86,6 @@ struct LoudnessJobs : testing::Test {
         std::sort(names.begin(), names.end());
         return names;
     }
-    fs::path dir;
 };
 
 // ---- measure ----

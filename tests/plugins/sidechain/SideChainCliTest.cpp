@@ -1,10 +1,8 @@
 // qvdfx process with --sidechain and --source: the built binary on files.
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
+#include "CommandLine.h"
 #include "WavFile.h"
 
 #include <algorithm>
@@ -20,23 +18,12 @@ namespace {
 
 constexpr int kRate = 48000;
 
-struct Result {
-    int status = -1;
-    std::string output;
-};
+using Result = qvd::test::CommandResult;
 
+// qvdfx, with what it prints on both streams in `output`.
 Result qvdfx(const std::string& arguments)
 {
-    Result r;
-    FILE* pipe = popen((std::string(QVDFX_PATH) + " " + arguments + " 2>&1").c_str(), "r");
-    if (!pipe)
-        return r;
-    char buffer[4096];
-    while (std::fgets(buffer, sizeof buffer, pipe))
-        r.output += buffer;
-    const int rc = pclose(pipe);
-    r.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
-    return r;
+    return qvd::test::runCommand(std::string(QVDFX_PATH) + " " + arguments + " 2>&1");
 }
 
 using qvd::test::wav::Planar;
@@ -52,8 +39,6 @@ class SideChainCli : public testing::Test {
 protected:
     void SetUp() override
     {
-        m_dir = fs::temp_directory_path() / ("qvd-sidechain-" + std::to_string(getpid()));
-        fs::create_directories(m_dir);
         // Main: stereo 1 kHz at -6 dBFS, 2 s. Key: a mono 200 Hz voice-like
         // burst from 0.5 to 1.0 s, 1.2 s long (shorter than the main).
         Planar main(2, std::vector<float>(2 * kRate)), key(1, std::vector<float>(static_cast<std::size_t>(1.2 * kRate)));
@@ -77,8 +62,7 @@ protected:
                     m_onset = m_last;
             }
     }
-    void TearDown() override { fs::remove_all(m_dir); }
-    std::string path(const std::string& name) const { return (m_dir / name).string(); }
+    std::string path(const std::string& name) const { return m_folder.path(name); }
 
     // Gain on the left channel in dB at time `seconds`, from a 1 ms window.
     double gainAt(const Planar& out, double seconds) const
@@ -92,7 +76,7 @@ protected:
         return 10.0 * std::log10(num / den);
     }
 
-    fs::path m_dir;
+    qvd::test::TestFolder m_folder{"qvd-sidechain-"};
     Planar m_main;
     double m_onset = -1.0, m_last = -1.0; // seconds
 };
